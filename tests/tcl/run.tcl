@@ -1,0 +1,24 @@
+# run.tcl: runs one tcltest file inside kivsh and exits non-zero when any test
+# in it failed, so CTest sees the failure.  Usage: kivsh run.tcl FILE.test
+package require tcltest 2.5
+namespace import ::tcltest::*
+
+set testFile [lindex $argv 0]
+configure -verbose {pass skip error} -testdir [file dirname $testFile]
+if {[info exists ::env(KIV_TCLTEST_MATCH)]} { configure -match $::env(KIV_TCLTEST_MATCH) }
+
+# Constraints shared by every file.
+testConstraint sim [expr {[info commands mqb] ne ""}]
+testConstraint tk [expr {[info commands winfo] ne "" && [catch {winfo screen .}] == 0}]
+testConstraint notk [expr {![testConstraint tk]}]
+testConstraint root [expr {[exec id -u] == 0}]
+
+set ::kivFailed 0
+proc ::tcltest::cleanupTestsHook {} {
+    variable numTests
+    if {$numTests(Failed) > 0} { set ::kivFailed 1 }
+}
+source [file join [file dirname [info script]] helpers.tcl]
+source $testFile
+if {$::kivFailed} { exit 1 }
+exit 0

@@ -1,0 +1,60 @@
+// test_main.cpp: GoogleTest main for every unit test binary. It creates the one
+// Tcl interpreter the extension's code talks to and initialises the stubs table.
+#include <gtest/gtest.h>
+#include <tcl.h>
+#include "TestSupport.h"
+
+namespace {
+Tcl_Interp* g_interp = nullptr;
+
+const char* kCaptureScript = R"tcl(
+    rename ::puts ::__kiv_real_puts
+    set ::__kiv_captured ""
+    proc ::puts {args} {
+        set nl 1
+        if {[lindex $args 0] eq "-nonewline"} { set nl 0; set args [lrange $args 1 end] }
+        if {[llength $args] == 1} {
+            append ::__kiv_captured [lindex $args 0]
+            if {$nl} { append ::__kiv_captured \n }
+            return
+        }
+        if {[llength $args] == 2 && [lindex $args 0] eq "stdout"} {
+            append ::__kiv_captured [lindex $args 1]
+            if {$nl} { append ::__kiv_captured \n }
+            return
+        }
+        if {$nl} { ::__kiv_real_puts {*}$args } else { ::__kiv_real_puts -nonewline {*}$args }
+    }
+)tcl";
+}  // namespace
+
+Tcl_Interp* testInterp() { return g_interp; }
+
+void startTclCapture(Tcl_Interp* interp) {
+    Tcl_Eval(interp, kCaptureScript);
+}
+
+std::string stopTclCapture(Tcl_Interp* interp) {
+    const char* v = Tcl_GetVar(interp, "__kiv_captured", TCL_GLOBAL_ONLY);
+    std::string out = v ? v : "";
+    Tcl_Eval(interp, "rename ::puts {}; rename ::__kiv_real_puts ::puts; unset -nocomplain ::__kiv_captured");
+    Tcl_ResetResult(interp);
+    return out;
+}
+
+int main(int argc, char** argv) {
+    Tcl_FindExecutable(argv[0]);
+    g_interp = Tcl_CreateInterp();
+    if (Tcl_Init(g_interp) != TCL_OK) {
+        // The library scripts are not needed by the unit tests; carry on.
+        Tcl_ResetResult(g_interp);
+    }
+    if (Tcl_InitStubs(g_interp, "8.6", 0) == nullptr) {
+        fprintf(stderr, "cannot initialise Tcl stubs\n");
+        return 1;
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    int rc = RUN_ALL_TESTS();
+    Tcl_DeleteInterp(g_interp);
+    return rc;
+}
