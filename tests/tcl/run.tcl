@@ -12,6 +12,8 @@ testConstraint sim [expr {[info commands mqb] ne ""}]
 testConstraint tk [expr {[info commands winfo] ne "" && [catch {winfo screen .}] == 0}]
 testConstraint notk [expr {![testConstraint tk]}]
 testConstraint root [expr {[exec id -u] == 0}]
+# A plain tclsh cannot load libraries built with sanitizers.
+testConstraint plaintclsh [expr {![info exists ::env(KIV_SANITIZE)] || $::env(KIV_SANITIZE) eq ""}]
 
 set ::kivFailed 0
 proc ::tcltest::cleanupTestsHook {} {
