@@ -1,0 +1,339 @@
+// KIVControl_run.cpp: running a test from start to end: the loops, the test
+// threads and the interpreter's polling of them, the output files of a run,
+// and the output channels (print, printLiteral, printThreaded, tclEval) and
+// the millisecond clock that every part of the test uses.
+#include "KIVControl.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "KIVLoop.h"
+
+namespace {
+// Prefix of the print buffer's script: `puts "`.
+const char kPutsPrefix[] = "puts \"";
+const size_t kPutsPrefixLen = 6;
+// Above this many characters, queued lines are dropped from the display.
+const size_t kPrintLimit = 65000;
+// Time the interpreter's thread waits between drains of the print buffer.
+const useconds_t kPollSleepUs = 250000;
+}  // namespace
+
+// Starts the configured test and returns when it is over. Prints the parameter
+// report, builds one loop per device and runs it here (single-threaded) or in
+// one thread per loop polled from here (multi-threaded). A refused run (no
+// device, or a device that cannot be set up) destroys what it built and leaves
+// `running` false without touching kiv_run. Always returns 0.
+int KIVControl::run() {
+    if (running) return 0;
+
+    runcount.store(0);
+    elapsedSec = 0;
+    if (printBuf) {
+        memcpy(printBuf, kPutsPrefix, kPutsPrefixLen);
+        printBuf[kPutsPrefixLen] = '\0';
+    }
+    printLen = kPutsPrefixLen;
+    nextReportSec = secondsPerReport;
+    time_start = 0;
+
+    outputParms();
+
+    switch (testType) {
+    case 0: snprintf(testLabel, sizeof testLabel, "rand"); break;
+    case 1: snprintf(testLabel, sizeof testLabel, "seq"); break;
+    case 3: snprintf(testLabel, sizeof testLabel, "pkd"); break;
+    case 4: snprintf(testLabel, sizeof testLabel, "stream"); break;
+    default: {
+        // The ratio is single precision: 0.9f widens to 0.89999997, hence 89/11.
+        unsigned r = (unsigned)((double)mixRatio * 100.0);
+        snprintf(testLabel, sizeof testLabel, "%02u/%02u", r, 100 - r);
+        break;
+    }
+    }
+
+    if (threadMode) {
+        if (numDevices == 0) {
+            print("KIV: <E> No drives selected for test!  Aborting...");
+            return 0;
+        }
+    } else {
+        if (numDevices > 1) {
+            print("KIV: <I> Cannot support multiple drives in single threaded mode.  "
+                  "Will only test first drive in list...");
+            numDevices = 1;
+        }
+        if (numDevices == 0) {
+            print("KIV: <E> No drives selected for test!  Aborting...");
+            return 0;
+        }
+    }
+
+    running = true;
+    for (int i = 0; i < numDevices; i++) {
+        loops[i] = new KIVLoop(this, mqbManager, devices[i], threadMode, testType, mixRatio,
+                               testCmd, readPct, writePct, wrvPct, verifyPct, minLba, maxLba,
+                               minTL, maxTL, qDepth, ops, skipFreq, reverseFreq, repeatFreq,
+                               rawioP, randStream, dataBufferIdx);
+        loops[i]->hwCompare = hwCompare;
+        threadCreated[i] = false;
+        if (!loops[i]->running.load(std::memory_order_relaxed)) {
+            print("Aborted KIV Due To Setup Problem (See above)");
+            running = false;
+        }
+    }
+    if (!running) {
+        for (int i = 0; i < numDevices; i++) {
+            delete loops[i];
+            loops[i] = nullptr;
+        }
+        return 0;
+    }
+
+    // Every loop shares the one read buffer: size it for the largest transfer
+    // of any loop now, so no loop replaces it while another has reads in flight.
+    for (int i = 0; i < numDevices; i++) {
+        KIVLoop* l = loops[i];
+        KIVLoop::reserveReadBuffer((uint64_t)l->blockSize * l->maxTL + 1000);
+    }
+
+    if (statMode == 2) setupWindow();
+    Tcl_SetVar2(interp, "kiv_run", nullptr, "1", TCL_GLOBAL_ONLY);
+    // The run's start, kept for a final statistics pass that comes before any
+    // first pass (analyze takes it as the time base then).
+    lastReportMs = getMS();
+
+    if (!threadMode) {
+        initLoop();
+        loops[0]->run();
+        finishLoop();
+        return 0;
+    }
+
+    thread_start.store(false);
+    print("");
+    print("------------------------------------------------");
+    print("| Creating A separate MQB for each test drive. |");
+    print("| This make take time.  Please Be Patient...   |");
+    print("------------------------------------------------");
+    print("");
+    initLoop();
+
+    // runcount is raised before each thread exists, so the end test can never
+    // see 0 while a created thread has not yet reached its loop.
+    for (int i = 0; i < numDevices; i++) {
+        runcount.fetch_add(1);
+        if (pthread_create(&threads[i], nullptr, startThread, loops[i]) != 0) {
+            runcount.fetch_sub(1);
+            loops[i]->running.store(false, std::memory_order_relaxed);
+            char msg[80];
+            snprintf(msg, sizeof msg, "KIV: <E> Could not create test thread for device %d",
+                     devices[i]);
+            print(msg);
+        } else {
+            threadCreated[i] = true;
+        }
+    }
+    analyzeLoop();
+    return 0;
+}
+
+// Opens the run's output files (statistics log, error log, error statistics
+// file) and writes the statistics header to the terminal and the log. A file
+// that cannot be opened is reported and its name dropped; the run goes on.
+void KIVControl::initLoop() {
+    if (statLogfileName) {
+        statLogfile = fopen(statLogfileName, statAppend ? "a" : "w");
+        if (!statLogfile) {
+            print("KIV: <E> Could not open stat logfile for writing");
+            free(statLogfileName);
+            statLogfileName = nullptr;
+        }
+    }
+    if (errLogfileName) {
+        errLogfile = fopen(errLogfileName, errorAppend ? "a" : "w");
+        if (!errLogfile) {
+            print("KIV: <E> Could not open error logfile for writing");
+            free(errLogfileName);
+            errLogfileName = nullptr;
+        }
+    }
+    if (errStatFileName) {
+        errStatFile = fopen(errStatFileName, "w");
+        if (!errStatFile) {
+            print("KIV: <E> Could not open error stat file for writing");
+            free(errStatFileName);
+            errStatFileName = nullptr;
+        }
+    }
+    if (statHeader) {
+        char header[128];
+        snprintf(header, sizeof header, "%4s %5s %4s %9s %9s %4s %4s %8s %6s %7s", "Indx",
+                 "Test", "Cmd", "Ops", "Last Lba", "TL", "Secs", "Ops/Sec", "mb/s", "errcnt");
+        static const char rule[] =
+            "---------------------------------------------------------------------";
+        if (statMode == 1) {
+            print(header);
+            print(rule);
+            print("");
+        }
+        if (statLogfileName) {
+            fprintf(statLogfile, "%s\n%s\n", header, rule);
+        }
+    }
+}
+
+// Body of one test thread: runs its loop to the end. The creator has already
+// counted the thread in runcount; this lowers it when the loop returns.
+void* KIVControl::startThread(void* arg) {
+    KIVLoop* loop = static_cast<KIVLoop*>(arg);
+    printf("starting thread\n");
+    fflush(stdout);
+    thread_start.store(true);
+    loop->run();
+    runcount.fetch_sub(1);
+    printf("exiting thread\n");
+    fflush(stdout);
+    return nullptr;
+}
+
+// The interpreter thread's side of a multi-threaded run: once a thread has
+// started (or none could be), one statistics pass and four drains of the print
+// buffer per second, with "update" between them, until every loop has ended;
+// then the final pass and the end of the run.
+void KIVControl::analyzeLoop() {
+    while (!thread_start.load() && runcount.load() != 0) usleep(100);
+    while (runcount.load() != 0) {
+        analyze(false);
+        for (int k = 0; k < 3; k++) {
+            checkErr();
+            usleep(kPollSleepUs);
+            tclEval(interp, "update");
+        }
+        checkErr();
+        usleep(kPollSleepUs);
+    }
+    analyze(true);
+    finishLoop();
+}
+
+// Ends a run in either mode: closes the files (writing the error statistics),
+// finishes the window, sets kiv_run to 0, joins the test threads, destroys the
+// loops, shows what is left in the print buffer and says the test is complete.
+void KIVControl::finishLoop() {
+    if (statLogfileName) {
+        if (statLogfile) {
+            fflush(statLogfile);
+            fclose(statLogfile);
+        }
+        statLogfile = nullptr;
+        free(statLogfileName);
+        statLogfileName = nullptr;
+    }
+    if (errLogfileName) {
+        if (errLogfile) {
+            fflush(errLogfile);
+            fclose(errLogfile);
+        }
+        errLogfile = nullptr;
+        free(errLogfileName);
+        errLogfileName = nullptr;
+    }
+    if (errStatFileName) {
+        if (errStatFile) {
+            generateStatFile();
+            fflush(errStatFile);
+            fclose(errStatFile);
+        }
+        errStatFile = nullptr;
+        free(errStatFileName);
+        errStatFileName = nullptr;
+    }
+    if (statMode == 2) finalizeWindow();
+    Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
+    running = false;
+
+    // Every thread has lowered runcount by now, but may still be on its way out
+    // of startThread: join it before its loop is destroyed.
+    for (int i = 0; i < numDevices; i++) {
+        if (threadCreated[i]) {
+            pthread_join(threads[i], nullptr);
+            threadCreated[i] = false;
+        }
+    }
+    for (int i = 0; i < numDevices; i++) {
+        delete loops[i];
+        loops[i] = nullptr;
+    }
+    checkErr();
+    print("KIV: test complete\\n");
+}
+
+// Shows one line through `puts "<text>"` in the interpreter. The text is
+// substituted by Tcl, which the library's messages rely on for "\n" breaks.
+// A text too long for the buffer is cut short (never past the buffer).
+void KIVControl::print(const char* text) {
+    static char buff[4096];
+    size_t len = strlen(text);
+    const size_t room = sizeof buff - kPutsPrefixLen - 2;
+    if (len > room) len = room;
+    memcpy(buff, kPutsPrefix, kPutsPrefixLen);
+    memcpy(buff + kPutsPrefixLen, text, len);
+    buff[kPutsPrefixLen + len] = '"';
+    buff[kPutsPrefixLen + len + 1] = '\0';
+    Tcl_EvalEx(interp, buff, -1, 0);
+}
+
+// Shows user-supplied text (file names, scripts) exactly as given: the text
+// is passed to puts as one word, with no substitution.
+void KIVControl::printLiteral(const char* text) {
+    Tcl_Obj* objv[2];
+    objv[0] = Tcl_NewStringObj("puts", 4);
+    objv[1] = Tcl_NewStringObj(text, -1);
+    Tcl_IncrRefCount(objv[0]);
+    Tcl_IncrRefCount(objv[1]);
+    Tcl_EvalObjv(interp, 2, objv, 0);
+    Tcl_DecrRefCount(objv[0]);
+    Tcl_DecrRefCount(objv[1]);
+}
+
+// Queues one line for the next drain of the print buffer; any thread may call
+// it. Lines queued while the buffer holds more than 65000 characters are
+// dropped.
+void KIVControl::printThreaded(const char* text) {
+    pthread_mutex_lock(&printMutex);
+    if (printBuf && printLen <= kPrintLimit) {
+        size_t len = strlen(text);
+        // Callers pass short lines; the cap only guards the buffer's end.
+        const size_t cap = 65535 - printLen - 2;
+        if (len > cap) len = cap;
+        memcpy(printBuf + printLen, text, len);
+        printBuf[printLen + len] = '\n';
+        printBuf[printLen + len + 1] = '\0';
+        printLen += len + 1;
+    }
+    pthread_mutex_unlock(&printMutex);
+}
+
+// Evaluates a script and returns its Tcl code; a failure is reported on the
+// process's standard output with the script and the error text.
+int KIVControl::tclEval(Tcl_Interp* in, const char* script) {
+    int rc = Tcl_Eval(in, script);
+    if (rc != TCL_OK) {
+        printf("<<<TCL ERROR>>>: \"%s\" --> \"%s\"\n", script, Tcl_GetStringResult(in));
+        fflush(stdout);
+    }
+    return rc;
+}
+
+// Wall-clock milliseconds, wrapping modulo 2^32.
+uint32_t KIVControl::getMS() {
+    static struct timeval tv;
+    static struct timezone tz;
+    tz.tz_minuteswest = 0;
+    tz.tz_dsttime = 0;
+    gettimeofday(&tv, &tz);
+    return (uint32_t)((uint64_t)tv.tv_sec * 1000u + (uint64_t)tv.tv_usec / 1000u);
+}
