@@ -1,7 +1,16 @@
 // KIVLoop.cpp: construction and destruction of a device loop, the device
 // preparation that starts its run, and the class-wide buffers and counters.
 #include "KIVLoop.h"
+
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
+
+#include "DeviceInfo.h"
+#include "KIVControl.h"
+#include "MQB.h"
+#include "MQBManager.h"
 
 uint8_t*             KIVLoop::read_buff = nullptr;
 uint64_t             KIVLoop::read_buff_size = 0;
@@ -12,22 +21,288 @@ std::atomic<int32_t> KIVLoop::reverse_count{0};
 std::atomic<int32_t> KIVLoop::repeat_count{0};
 std::atomic<int32_t> KIVLoop::rawio_counter{0};
 
-KIVLoop::KIVLoop(KIVControl* control_, MQBManager*, int deviceIdx_, bool threadMode_,
-                 int testType_, float mixRatio_, int, int, int, int, int, double, double,
-                 int, int, int, int, int, int, int, int, int, int)
-    : running(false), lastLba(0), lastTL(0), lastCmd(2), outstanding(0), tag(0),
-      blockSize(0), opsDone(0), blocksIssued(0), deviceIdx(deviceIdx_), hwCompare(false),
-      errCount(-1), errShown(false), control(control_), threadMode(threadMode_),
-      testType(testType_), mixRatio(mixRatio_), userData(nullptr), mqb(nullptr) {
-    memset(cdbs, 0, sizeof(cdbs));
+namespace {
+
+// The record holds 128 commands and the CDB carries 32-bit LBAs and 16-bit
+// transfer lengths; larger requests are cut to these with a warning.
+constexpr int      kMaxQueueDepth = 128;
+constexpr int      kMaxTL = 65535;
+constexpr uint64_t kMaxCdbLba = 0xFFFFFFFFull;
+
+// Serialises the first-time creation and growth of the class-wide buffers when
+// several test threads prepare their devices at once. Never taken per command.
+std::mutex& bufferMutex() {
+    static std::mutex m;
+    return m;
 }
 
-KIVLoop::~KIVLoop() {}
+// Turns one LBA bound of the configuration into an absolute LBA: a value in
+// (0, 1.1) (or, for the upper bound, anything below 1.1) is a share of the
+// capacity, anything else an LBA. Worked in 64 bits; negatives become 0.
+int64_t resolveBound(double arg, uint64_t capacity, bool isUpper) {
+    bool fraction = isUpper ? (arg < 1.1) : (arg > 0 && arg < 1.1);
+    int64_t v;
+    if (fraction) {
+        double scaled = (double)capacity * arg;
+        v = scaled <= 0 ? 0 : (int64_t)scaled;
+        if ((uint64_t)v > capacity) v = (int64_t)capacity;
+    } else {
+        v = arg <= 0 ? 0 : (arg >= 9.2e18 ? INT64_MAX : (int64_t)arg);
+    }
+    return v;
+}
 
-bool KIVLoop::prepareDevice() { return false; }
+}  // namespace
 
-void KIVLoop::setSkipCount(int n) { skip_count.store(n); }
-void KIVLoop::setReverseCount(int n) { reverse_count.store(n); }
-void KIVLoop::setRepeatCount(int n) { repeat_count.store(n); }
-void KIVLoop::setRawioCount(int) { rawio_counter.store(0); }
-void KIVLoop::reserveReadBuffer(uint64_t) {}
+// Binds the loop to an MQB object for its device, resolves the LBA range and
+// the operation count and copies the user data buffer. A failure shows its
+// reason through control->print and leaves running false, errCount -1.
+KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
+                 bool threadMode_, int testType_, float mixRatio_, int /*testCmd*/,
+                 int readPct_, int writePct_, int wrvPct_, int verifyPct_, double minLbaArg,
+                 double maxLbaArg, int minTL_, int maxTL_, int qDepth_, int ops_,
+                 int skipFreq_, int reverseFreq_, int repeatFreq_, int rawioP,
+                 int randStream_, int dataBufferIdx_)
+    : running(true), lastLba(0), lastTL(0), lastCmd(2), outstanding(0), tag(0),
+      blockSize(0), opsDone(0), blocksIssued(0), deviceIdx((uint32_t)deviceIdx_),
+      hwCompare(false), errCount(0), errShown(false), revSavedLba(0), revSavedTL(0),
+      repeatLba(0), repeatTL(0), revPending(false), skipPending(false),
+      repeatActive(false), lastRevLba(0), lastRevTL(0), haveLastRev(false),
+      lastStatSec(0), control(control_), threadMode(threadMode_), minLba(0), maxLba(0),
+      minTL(0), maxTL(0), qDepth(0), ops(0), opsPercent(ops_ < 0), skipFreq(skipFreq_),
+      reverseFreq(reverseFreq_), repeatFreq(repeatFreq_), rawioLeft(rawioP),
+      randStream(randStream_), testType(testType_), mixRatio(mixRatio_),
+      readPct(readPct_), writePct(writePct_), wrvPct(wrvPct_), verifyPct(verifyPct_),
+      dataBufferIdx(dataBufferIdx_), userData(nullptr), mqb(nullptr) {
+    char msg[256];
+    memset(cdbs, 0, sizeof(cdbs));
+    lastLba.store((uint32_t)(int64_t)minLbaArg, std::memory_order_relaxed);
+
+    if (qDepth_ > kMaxQueueDepth) {
+        snprintf(msg, sizeof msg, "KIV: <W> Queue depth %d is above 128, using 128", qDepth_);
+        control->print(msg);
+        qDepth_ = kMaxQueueDepth;
+    }
+    qDepth = qDepth_ < 0 ? 0 : (uint32_t)qDepth_;
+    if (maxTL_ > kMaxTL) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <W> Transfer length %d does not fit a 10-byte CDB, using 65535", maxTL_);
+        control->print(msg);
+        maxTL_ = kMaxTL;
+    }
+    if (minTL_ > kMaxTL) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <W> Transfer length %d does not fit a 10-byte CDB, using 65535", minTL_);
+        control->print(msg);
+        minTL_ = kMaxTL;
+    }
+    minTL = (uint64_t)(int64_t)minTL_;
+    maxTL = (uint64_t)(int64_t)maxTL_;
+    ops = (uint32_t)(ops_ < 0 ? -(int64_t)ops_ : ops_);
+
+    auto fail = [&]() {
+        control->print(msg);
+        errCount.store(-1, std::memory_order_relaxed);
+        running.store(false, std::memory_order_relaxed);
+    };
+
+    MQB* current = mqbManager ? mqbManager->getCurrentMQB() : nullptr;
+    if (current == nullptr) {
+        snprintf(msg, sizeof msg, "KIV: <E> Could not create an MQB object for device %d",
+                 deviceIdx_);
+        { fail(); return; }
+    }
+    if (current->isLocked(deviceIdx_)) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <I> Could not start operations on device %d: Device Is Locked",
+                 deviceIdx_);
+        { fail(); return; }
+    }
+
+    if (!threadMode) {
+        mqb = current;
+        control->print("Using Vorlane's mqb object for testing... (single threaded)");
+    } else {
+        MQB* clone = nullptr;
+        if (current->ioctl(MQB_IOCTL_CLONE, 1, &clone) == 0 && clone != nullptr) {
+            mqb = clone;
+            control->print("Created New Test Thread Using \\\"clone\\\" method");
+        } else {
+            char info[90] = {0};
+            current->infoString(info, sizeof info);
+            info[sizeof info - 1] = 0;
+            char* colon = strchr(info, ':');
+            if (colon) *colon = 0;
+            mqb = createMQB(info, 0, 0, 0);
+            control->print("Created New Test Thread Using \\\"new\\\" method");
+        }
+        if (mqb == nullptr) {
+            snprintf(msg, sizeof msg, "KIV: <E> Could not create an MQB object for device %d",
+                     deviceIdx_);
+            { fail(); return; }
+        }
+    }
+
+    if (mqb->setDeviceIndex(deviceIdx_) != 0) {
+        snprintf(msg, sizeof msg, "KIV: <E> Could not set device!");
+        { fail(); return; }
+    }
+    mqb->setLoggingLevel(0);
+    DeviceInfo info;
+    mqb->getDeviceInfo(&info);
+    blockSize = info.blockSize;
+
+    // Bounds are kept in 64 bits; only what the CDB cannot carry is cut.
+    int64_t hi = resolveBound(maxLbaArg, info.capacity, true);
+    int64_t lo = resolveBound(minLbaArg, info.capacity, false);
+    for (int64_t* b : {&lo, &hi}) {
+        if ((uint64_t)*b > kMaxCdbLba) {
+            snprintf(msg, sizeof msg,
+                     "KIV: <W> LBA %llu does not fit a 10-byte CDB, using 4294967295",
+                     (unsigned long long)*b);
+            control->print(msg);
+            *b = (int64_t)kMaxCdbLba;
+        }
+    }
+    // A range no wider than the largest transfer leaves the random draw nothing
+    // to choose from (its divisor would be 0): walk it sequentially instead.
+    if (hi - lo - (int64_t)maxTL < 1) {
+        hi = lo + (int64_t)maxTL;
+        testType = 1;
+    }
+    minLba = (uint64_t)lo;
+    maxLba = (uint64_t)hi;
+
+    if (opsPercent) {
+        double pct = (double)-(int64_t)ops_ / 100.0;
+        double count = ((double)(maxLba - minLba) * pct) / ((double)(minTL + maxTL) * 0.5);
+        ops = (uint32_t)(int64_t)count;
+        printf("Operation count set to %f%% -> %d operations\n", pct * 100.0, (int)ops);
+        fflush(stdout);
+    }
+
+    if (dataBufferIdx >= 0) {
+        unsigned long size = 0;
+        if ((unsigned int)dataBufferIdx >= mqbManager->getBufferCount() ||
+            mqbManager->getBufferSize((unsigned int)dataBufferIdx, size) < 0) {
+            snprintf(msg, sizeof msg, "Error: selected user buffer out of range: %d",
+                     dataBufferIdx);
+            { fail(); return; }
+        }
+        size_t need = (size_t)blockSize * (size_t)maxTL;
+        if (need > size) {
+            snprintf(msg, sizeof msg,
+                     "Error: selected user buffer size is less than largest write transfer "
+                     "length: %zu < %zu",
+                     (size_t)size, need);
+            { fail(); return; }
+        }
+        userData = (uint8_t*)malloc(need ? need : 1);
+        if (userData == nullptr) {
+            snprintf(msg, sizeof msg,
+                     "Error: could not allocate working buffer for user data, Out of Memory "
+                     "(alloc size = %zu)",
+                     need);
+            { fail(); return; }
+        }
+        const unsigned char* src = mqbManager->getBufferDataPtr((unsigned int)dataBufferIdx);
+        if (src && need) memcpy(userData, src, need);
+    }
+
+    printf("Init complete\n");
+    fflush(stdout);
+}
+
+// Takes every completion still outstanding, frees the user data copy, turns
+// queueing, fast reads and the data mode back off and releases an owned MQB.
+KIVLoop::~KIVLoop() {
+    while (outstanding > 0) unloadFunc();
+    free(userData);
+    userData = nullptr;
+    if (mqb) {
+        int a = 0, b = 0;
+        mqb->ioctl(MQB_IOCTL_QUEUEING, 2, &a, &b);
+        unsigned char off = 1;
+        mqb->ioctl(MQB_IOCTL_FAST_READS, 1, &off);
+        int mode = 0, arg = 0;
+        unsigned char flag = 0;
+        mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag);
+        if (threadMode) {
+            deleteMQB(mqb);
+            mqb = nullptr;
+        }
+    }
+}
+
+// Queueing, fast reads and data mode on the device, then the geometry and the
+// shared buffers. Returns false when queueing cannot be set up; the run then
+// ends without sending anything. Messages go through printThreaded.
+bool KIVLoop::prepareDevice() {
+    char msg[160];
+    if (qDepth > 1) {
+        int enable = 1, arg = 0;
+        if (mqb->ioctl(MQB_IOCTL_QUEUEING, 2, &enable, &arg) != 0) {
+            snprintf(msg, sizeof msg, "KIV: Could not initiate queuing on device: %d\n",
+                     mqb->getCurrentDeviceIndex());
+            control->printThreaded(msg);
+            snprintf(msg, sizeof msg, "KIV: Aborting ops on device: %d",
+                     mqb->getCurrentDeviceIndex());
+            control->printThreaded(msg);
+            return false;
+        }
+        int depth = (int)qDepth;
+        int rc = mqb->ioctl(MQB_IOCTL_MAX_DEPTH, 1, &depth);
+        if (rc != 0) {
+            snprintf(msg, sizeof msg, "KIV: Could not set max queue depth to: %d err = %d\n",
+                     depth, rc);
+            control->printThreaded(msg);
+            return false;
+        }
+    }
+
+    unsigned char fast = 0;
+    control->printThreaded(mqb->ioctl(MQB_IOCTL_FAST_READS, 1, &fast) == 0
+                               ? "KIV: <I> Activated Fast Reads"
+                               : "KIV: <I> Could not activate fast reads");
+
+    int mode = 3;
+    if (hwCompare) mode = 6;
+    if (dataBufferIdx >= 0) mode = 11;
+    int arg = 0;
+    unsigned char flag = 0;
+    bool ok = mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag) == 0;
+    if (dataBufferIdx < 0)
+        control->printThreaded(ok ? "KIV: <I> Activated Hardware data generation"
+                                  : "KIV: <I> Using software generated random data");
+    else
+        control->printThreaded(ok ? "KIV: <I> Activated Hardware Asisted Data Repeat"
+                                  : "KIV: <I> Using User Specified Data Repeat");
+
+    DeviceInfo info;
+    mqb->getDeviceInfo(&info);
+    blockSize = info.blockSize;
+
+    reserveReadBuffer((uint64_t)blockSize * maxTL + 1000);
+    if (dataBufferIdx < 0) {
+        std::lock_guard<std::mutex> lock(bufferMutex());
+        if (write_buff == nullptr) generateRandomWriteBuffer();
+    }
+    return true;
+}
+
+void KIVLoop::setSkipCount(int n) { skip_count.store(n, std::memory_order_relaxed); }
+void KIVLoop::setReverseCount(int n) { reverse_count.store(n, std::memory_order_relaxed); }
+void KIVLoop::setRepeatCount(int n) { repeat_count.store(n, std::memory_order_relaxed); }
+void KIVLoop::setRawioCount(int) { rawio_counter.store(0, std::memory_order_relaxed); }
+
+// Grows read_buff to at least `need` bytes; never shrinks it, so a buffer that
+// reads are landing in stays valid. An allocation failure keeps the old buffer.
+void KIVLoop::reserveReadBuffer(uint64_t need) {
+    std::lock_guard<std::mutex> lock(bufferMutex());
+    if (read_buff != nullptr && read_buff_size >= need) return;
+    uint8_t* fresh = (uint8_t*)malloc(need ? need : 1);
+    if (fresh == nullptr) return;
+    free(read_buff);
+    read_buff = fresh;
+    read_buff_size = need;
+}
