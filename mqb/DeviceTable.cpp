@@ -1,0 +1,172 @@
+// DeviceTable.cpp: the process-wide device table: adding devices from spec
+// texts and the host's controls over them (lock, faults, counters, trace).
+#include "DeviceTable.h"
+#include <mutex>
+#include "backends/Device.h"
+#include "backends/SimDisk.h"
+
+namespace mqb {
+
+namespace {
+
+// The one global of the library. Devices are never freed while the process
+// runs: channels keep plain pointers to their device, so clearAllDevices
+// retires them instead.
+struct Table {
+    std::mutex lock;
+    std::vector<std::unique_ptr<Device>> devices;
+    std::vector<std::unique_ptr<Device>> retired;
+};
+
+Table& table() {
+    static Table t;
+    return t;
+}
+
+// Builds the backend a spec names; null with `err` set when it cannot.
+std::unique_ptr<Backend> makeBackend(const std::string& spec, std::string& err) {
+    if (spec.empty()) {
+        err = "empty device spec";
+        return nullptr;
+    }
+    const size_t colon = spec.find(':');
+    const std::string type = spec.substr(0, colon);
+    const std::string params = colon == std::string::npos ? "" : spec.substr(colon + 1);
+    if (type == "sim") {
+        SimConfig cfg;
+        if (!parseSimConfig(params, cfg, err)) return nullptr;
+        return std::make_unique<SimDisk>(cfg);
+    }
+    if (type == "file" || type == "sg") {
+        err = "device type \"" + type + "\" is not supported in this build";
+        return nullptr;
+    }
+    err = "unknown device type \"" + type + "\"";
+    return nullptr;
+}
+
+}  // namespace
+
+Device* deviceAt(int idx) {
+    Table& t = table();
+    std::lock_guard<std::mutex> g(t.lock);
+    if (idx < 0 || size_t(idx) >= t.devices.size()) return nullptr;
+    return t.devices[size_t(idx)].get();
+}
+
+int addDevice(const std::string& spec, std::string& err) {
+    std::unique_ptr<Backend> be = makeBackend(spec, err);
+    if (!be) return -1;
+    auto dev = std::make_unique<Device>(spec, std::move(be));
+    Table& t = table();
+    std::lock_guard<std::mutex> g(t.lock);
+    t.devices.push_back(std::move(dev));
+    return int(t.devices.size()) - 1;
+}
+
+int deviceCount() {
+    Table& t = table();
+    std::lock_guard<std::mutex> g(t.lock);
+    return int(t.devices.size());
+}
+
+bool deviceSummary(int idx, DeviceSummary& out) {
+    Device* d = deviceAt(idx);
+    if (!d) return false;
+    const Geometry geo = d->backend().geometry();
+    out.spec = d->spec();
+    out.backend = d->backend().kind();
+    out.blocks = geo.blocks ? geo.blocks - 1 : 0;
+    out.blockSize = geo.blockSize;
+    out.locked = d->locked();
+    return true;
+}
+
+bool setLocked(int idx, bool locked) {
+    Device* d = deviceAt(idx);
+    if (!d) return false;
+    d->setLocked(locked);
+    return true;
+}
+
+int addFault(int idx, const FaultRule& rule, std::string& err) {
+    Device* d = deviceAt(idx);
+    if (!d) {
+        err = "no device " + std::to_string(idx);
+        return -1;
+    }
+    if (rule.every == 0) {
+        err = "fault rule \"every\" must be at least 1";
+        return -1;
+    }
+    if (rule.lbaLo > rule.lbaHi) {
+        err = "fault rule LBA range is empty (low above high)";
+        return -1;
+    }
+    if (rule.kind == FaultRule::Kind::Status && rule.status >= 0) {
+        err = "fault rule status must be a negative code";
+        return -1;
+    }
+    if (rule.key > 0x0F) {
+        err = "fault rule sense key must be 0 to 0F";
+        return -1;
+    }
+    return d->addFault(rule);
+}
+
+bool clearFaults(int idx) {
+    Device* d = deviceAt(idx);
+    if (d) d->clearFaults();
+    return d != nullptr;
+}
+
+bool listFaults(int idx, std::vector<FaultRule>& out) {
+    Device* d = deviceAt(idx);
+    if (d) d->listFaults(out);
+    return d != nullptr;
+}
+
+bool stats(int idx, DeviceStats& out) {
+    Device* d = deviceAt(idx);
+    if (d) d->stats(out);
+    return d != nullptr;
+}
+
+bool traceStart(int idx, uint64_t limit) {
+    Device* d = deviceAt(idx);
+    if (d) d->traceStart(limit);
+    return d != nullptr;
+}
+
+bool traceStop(int idx) {
+    Device* d = deviceAt(idx);
+    if (d) d->traceStop();
+    return d != nullptr;
+}
+
+bool traceGet(int idx, std::vector<TraceEntry>& out) {
+    Device* d = deviceAt(idx);
+    if (d) d->traceGet(out);
+    return d != nullptr;
+}
+
+bool traceClear(int idx) {
+    Device* d = deviceAt(idx);
+    if (d) d->traceClear();
+    return d != nullptr;
+}
+
+bool reset(int idx) {
+    Device* d = deviceAt(idx);
+    if (d) d->reset();
+    return d != nullptr;
+}
+
+void clearAllDevices() {
+    Table& t = table();
+    std::lock_guard<std::mutex> g(t.lock);
+    for (auto& d : t.devices) t.retired.push_back(std::move(d));
+    t.devices.clear();
+}
+
+}  // namespace mqb

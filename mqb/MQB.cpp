@@ -1,0 +1,338 @@
+// MQB.cpp: a channel to the device table: device selection, the ioctls, and
+// the fixed-size completion queue that send() fills and receive() drains.
+#include "MQB.h"
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+#include "DeviceTable.h"
+#include "MQBErr.h"
+#include "backends/Device.h"
+
+namespace {
+
+constexpr int kQueueCap = 256;  // power of two: ring indexes wrap with a mask
+constexpr uint8_t kOpReadCapacity = 0x25;
+
+uint64_t nowNs() {
+    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch()).count());
+}
+
+uint32_t ld32(const unsigned char* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+uint64_t ld64(const unsigned char* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+
+template <typename T>
+T* ldPtr(const unsigned char* p) {
+    T* v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// One command between send() and receive().
+struct Slot {
+    uint64_t     due;   // steady-clock ns when it finishes; 0 = at once
+    mqb::Device* dev;
+    uint32_t     tag;
+    uint8_t      opcode;
+    uint8_t      cdbLen;
+    uint8_t      cdb[16];
+    mqb::Outcome out;
+};
+
+}  // namespace
+
+struct MQB::Impl {
+    std::string  driver;
+    int          devIdx = -1;
+    mqb::Device* dev = nullptr;
+    bool         cloneOk = true;
+    int          logLevel = 0;
+
+    // Completions, kept sorted by due time from ring[head] on.
+    Slot ring[kQueueCap];
+    int  head = 0;
+    int  count = 0;
+
+    // The last completion received and the last failure's sense.
+    bool     haveLast = false;
+    uint32_t lastTag = 0;
+    uint8_t  lastCdbLen = 0;
+    uint8_t  lastCdb[16] = {};
+    uint8_t  senseLen = 0;
+    uint8_t  sense[mqb::kMaxSense] = {};
+
+    explicit Impl(const std::string& d) : driver(d) {}
+};
+
+MQB::MQB(const std::string& driver) : impl_(std::make_unique<Impl>(driver)) {}
+
+// Commands still in flight are dropped: the devices only need to know they
+// are no longer outstanding.
+MQB::~MQB() {
+    Impl& m = *impl_;
+    for (int i = 0; i < m.count; ++i) m.ring[(m.head + i) & (kQueueCap - 1)].dev->leave();
+}
+
+bool MQB::isLocked(int deviceIdx) {
+    mqb::Device* d = mqb::deviceAt(deviceIdx);
+    return d == nullptr || d->locked();
+}
+
+// Carries out one ioctl. The pointers after `count` depend on the code (see
+// MQBIoctl); a wrong count or a null pointer is MQB_ERR_PARAM. The device
+// ioctls need a selected device and leave their state in its counters.
+int MQB::ioctl(int code, int count, ...) {
+    Impl& m = *impl_;
+    va_list ap;
+    va_start(ap, count);
+    int rc = MQB_OK;
+    switch (code) {
+    case MQB_IOCTL_CLONE: {
+        MQB** out = count == 1 ? va_arg(ap, MQB**) : nullptr;
+        if (!out) { rc = MQB_ERR_PARAM; break; }
+        if (!m.cloneOk) { rc = MQB_ERR_UNSUPPORTED; break; }
+        auto c = std::make_unique<MQB>(m.driver);
+        c->impl_->cloneOk = m.cloneOk;
+        c->impl_->logLevel = m.logLevel;
+        if (m.devIdx >= 0) c->setDeviceIndex(m.devIdx);
+        *out = c.release();  // the caller frees it with deleteMQB
+        break;
+    }
+    case MQB_IOCTL_QUEUEING: {
+        int* enable = count == 2 ? va_arg(ap, int*) : nullptr;
+        int* arg = enable ? va_arg(ap, int*) : nullptr;
+        if (!enable || !arg) { rc = MQB_ERR_PARAM; break; }
+        if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
+        m.dev->noteQueueing(*enable != 0);
+        break;
+    }
+    case MQB_IOCTL_MAX_DEPTH: {
+        int* depth = count == 1 ? va_arg(ap, int*) : nullptr;
+        if (!depth || *depth < 1 || *depth > kQueueCap) { rc = MQB_ERR_PARAM; break; }
+        if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
+        m.dev->noteMaxDepth(*depth);
+        break;
+    }
+    case MQB_IOCTL_FAST_READS: {
+        unsigned char* v = count == 1 ? va_arg(ap, unsigned char*) : nullptr;
+        if (!v || *v > 1) { rc = MQB_ERR_PARAM; break; }
+        if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
+        m.dev->noteFastReads(*v == 0);
+        break;
+    }
+    case MQB_IOCTL_DATA_MODE: {
+        int* mode = count == 3 ? va_arg(ap, int*) : nullptr;
+        int* arg = mode ? va_arg(ap, int*) : nullptr;
+        unsigned char* flag = arg ? va_arg(ap, unsigned char*) : nullptr;
+        if (!mode || !arg || !flag) { rc = MQB_ERR_PARAM; break; }
+        if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
+        if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
+        m.dev->noteDataMode(*mode);
+        break;
+    }
+    default:
+        rc = MQB_ERR_IOCTL;
+        break;
+    }
+    va_end(ap);
+    return rc;
+}
+
+// Writes "<driver>:MQB channel, device <idx> of <count>" into buf, cut to
+// size - 1 characters. Returns the length written.
+int MQB::infoString(char* buf, int size) {
+    if (!buf || size <= 0) return MQB_ERR_PARAM;
+    int n = std::snprintf(buf, size_t(size), "%s:MQB channel, device %d of %d",
+                          impl_->driver.c_str(), impl_->devIdx, mqb::deviceCount());
+    if (n < 0) {
+        buf[0] = '\0';
+        return 0;
+    }
+    return n < size ? n : size - 1;
+}
+
+int MQB::setDeviceIndex(int deviceIdx) {
+    mqb::Device* d = mqb::deviceAt(deviceIdx);
+    if (!d) return MQB_ERR_DEV_RANGE;
+    impl_->dev = d;
+    impl_->devIdx = deviceIdx;
+    return MQB_OK;
+}
+
+void MQB::setLoggingLevel(int level) { impl_->logLevel = level; }
+
+int MQB::getDeviceInfo(DeviceInfo* info) {
+    if (!info) return MQB_ERR_PARAM;
+    *info = DeviceInfo();
+    mqb::Device* d = impl_->dev;
+    if (!d) return MQB_ERR_NO_DEVICE;
+    const mqb::Geometry g = d->backend().geometry();
+    info->capacity = g.blocks ? g.blocks - 1 : 0;
+    info->blockSize = g.blockSize;
+    info->index = impl_->devIdx;
+    std::snprintf(info->backend, sizeof info->backend, "%s", d->backend().kind());
+    return MQB_OK;
+}
+
+int MQB::getCurrentDeviceIndex() { return impl_->devIdx; }
+
+int MQB::deviceCount() { return mqb::deviceCount(); }
+
+// Queues the command of `record`. The device decides its outcome now; the
+// completion is placed in the ring by due time (arrival + device latency), so
+// a run of equal-latency commands only ever appends. Reads the clock only for
+// a device with latency.
+int MQB::send(unsigned char* record) {
+    Impl& m = *impl_;
+    if (!record) return MQB_ERR_PARAM;
+    if (ld32(record + mqbrec::kRecLen) != uint32_t(mqbrec::kSize)) return MQB_ERR_RECORD;
+    const uint8_t cdbLen = record[mqbrec::kCdbLen];
+    if (cdbLen == 0 || cdbLen > 16) return MQB_ERR_RECORD;
+    mqb::Device* d = m.dev;
+    if (!d) return MQB_ERR_NO_DEVICE;
+    if (d->locked()) return MQB_ERR_LOCKED;
+    if (m.count == kQueueCap) return MQB_ERR_QUEUE_FULL;
+
+    int pos = (m.head + m.count) & (kQueueCap - 1);
+    Slot& s = m.ring[pos];
+    std::memcpy(s.cdb, record + mqbrec::kCdb, 16);
+    s.cdbLen = cdbLen;
+    s.opcode = s.cdb[0];
+    s.tag = ld32(record + mqbrec::kTag);
+    s.dev = d;
+
+    mqb::Command c;
+    c.cdb = s.cdb;
+    c.cdbLen = cdbLen;
+    c.opcode = s.opcode;
+    if (cdbLen >= 9) {
+        c.lba = (uint64_t(s.cdb[2]) << 24) | (uint64_t(s.cdb[3]) << 16) |
+                (uint64_t(s.cdb[4]) << 8) | s.cdb[5];
+        c.tl = (uint32_t(s.cdb[7]) << 8) | s.cdb[8];
+    }
+    c.readBuf = ldPtr<uint8_t>(record + mqbrec::kReadBuf);
+    c.readLen = ld64(record + mqbrec::kReadLen);
+    c.writeBuf = ldPtr<const uint8_t>(record + mqbrec::kWriteBuf);
+    c.writeLen = ld64(record + mqbrec::kWriteLen);
+
+    if (!d->submit(c, s.tag, s.out)) {
+        m.senseLen = s.out.senseLen;
+        std::memcpy(m.sense, s.out.sense, s.out.senseLen);
+        return s.out.status;
+    }
+    const uint32_t lat = d->backend().latencyUs();
+    s.due = lat ? nowNs() + uint64_t(lat) * 1000 : 0;
+    d->enter();
+    // Keep the ring ordered by due time; equal times stay in arrival order.
+    while (pos != m.head) {
+        const int prev = (pos - 1) & (kQueueCap - 1);
+        if (m.ring[prev].due <= m.ring[pos].due) break;
+        std::swap(m.ring[prev], m.ring[pos]);
+        pos = prev;
+    }
+    ++m.count;
+    return MQB_OK;
+}
+
+// Takes the earliest completion, sleeping until it is due. Remembers its tag
+// and CDB for receiveInfo and its sense (or none) for errInfo. A completed
+// READ CAPACITY(10) tells the device its block size is now known.
+int MQB::receive() {
+    Impl& m = *impl_;
+    if (m.count == 0) return MQB_ERR_NOTHING_OUT;
+    Slot& s = m.ring[m.head];
+    if (s.due != 0) {
+        const uint64_t now = nowNs();
+        if (now < s.due) std::this_thread::sleep_for(std::chrono::nanoseconds(s.due - now));
+    }
+    m.head = (m.head + 1) & (kQueueCap - 1);
+    --m.count;
+    s.dev->leave();
+    m.haveLast = true;
+    m.lastTag = s.tag;
+    m.lastCdbLen = s.cdbLen;
+    std::memcpy(m.lastCdb, s.cdb, 16);
+    m.senseLen = s.out.senseLen;
+    if (s.out.senseLen) std::memcpy(m.sense, s.out.sense, s.out.senseLen);
+    if (s.opcode == kOpReadCapacity && s.out.status == MQB_OK) s.dev->backend().capacityRead();
+    return s.out.status;
+}
+
+int MQB::receiveInfo(int code, int count, ...) {
+    Impl& m = *impl_;
+    va_list ap;
+    va_start(ap, count);
+    int rc = MQB_OK;
+    if (code == MQB_INFO_TAG) {
+        int* tag = count == 1 ? va_arg(ap, int*) : nullptr;
+        if (!tag) rc = MQB_ERR_PARAM;
+        else if (!m.haveLast) rc = MQB_ERR_NOTHING_OUT;
+        else *tag = int(m.lastTag);
+    } else if (code == MQB_INFO_CDB) {
+        unsigned char* cdb = count == 2 ? va_arg(ap, unsigned char*) : nullptr;
+        int* len = cdb ? va_arg(ap, int*) : nullptr;
+        if (!cdb || !len || *len < 0) {
+            rc = MQB_ERR_PARAM;
+        } else if (!m.haveLast) {
+            rc = MQB_ERR_NOTHING_OUT;
+        } else {
+            const int n = *len < m.lastCdbLen ? *len : m.lastCdbLen;
+            std::memcpy(cdb, m.lastCdb, size_t(n));
+            *len = n;
+        }
+    } else {
+        rc = MQB_ERR_PARAM;
+    }
+    va_end(ap);
+    return rc;
+}
+
+// errInfo(100, 3, buf, &size, &length): copies the last failure's sense (at
+// most *size bytes) and sets *length to the bytes copied, 0 when the last
+// completion carried none.
+int MQB::errInfo(int code, int count, ...) {
+    Impl& m = *impl_;
+    va_list ap;
+    va_start(ap, count);
+    int rc = MQB_OK;
+    if (code == MQB_INFO_SENSE && count == 3) {
+        unsigned char* buf = va_arg(ap, unsigned char*);
+        int* size = va_arg(ap, int*);
+        int* length = va_arg(ap, int*);
+        if (!buf || !size || !length || *size < 0) {
+            rc = MQB_ERR_PARAM;
+        } else {
+            const int n = *size < m.senseLen ? *size : m.senseLen;
+            std::memcpy(buf, m.sense, size_t(n));
+            *length = n;
+        }
+    } else {
+        rc = MQB_ERR_PARAM;
+    }
+    va_end(ap);
+    return rc;
+}
+
+const std::string& MQB::driver() const { return impl_->driver; }
+void MQB::setDriver(const std::string& driver) { impl_->driver = driver; }
+void MQB::setCloneAllowed(bool allowed) { impl_->cloneOk = allowed; }
+bool MQB::cloneAllowed() const { return impl_->cloneOk; }
+int MQB::outstanding() const { return impl_->count; }
+
+MQB* createMQB(const char* name, int, int, int) {
+    if (!name || !*name) return nullptr;
+    return new MQB(name);
+}
+
+void deleteMQB(MQB* mqb) { delete mqb; }

@@ -1,0 +1,61 @@
+// Backend.h: the small interface every device kind implements (the simulated
+// disk, and later files and SCSI generic devices), and the command/outcome
+// records that pass through it.
+#pragma once
+#include <cstdint>
+
+namespace mqb {
+
+// One command as the device layer hands it to a backend: the parsed CDB fields
+// plus the caller's data buffers. Nothing here is owned.
+struct Command {
+    const uint8_t* cdb = nullptr;
+    uint8_t        cdbLen = 0;
+    uint8_t        opcode = 0;
+    uint64_t       lba = 0;
+    uint32_t       tl = 0;
+    uint8_t*       readBuf = nullptr;
+    uint64_t       readLen = 0;
+    const uint8_t* writeBuf = nullptr;
+    uint64_t       writeLen = 0;
+};
+
+// Largest sense a backend produces (fixed format with the vendor UEC).
+constexpr int kMaxSense = 32;
+
+// How a command ended. `senseLen` is 0 unless `status` is a CHECK CONDITION.
+struct Outcome {
+    int     status = 0;
+    uint8_t senseLen = 0;
+    uint8_t sense[kMaxSense];
+};
+
+// What a device reports about its size. `blockSize` may be 0 (a disk that has
+// not been asked for its capacity yet, or one configured to say 0).
+struct Geometry {
+    uint64_t blocks = 0;
+    uint32_t blockSize = 0;
+};
+
+// One device. execute() carries a command out to its final outcome (the caller
+// decides when that outcome is delivered); it never allocates on the data path
+// unless the backend keeps data and has to grow its store. Must be safe to call
+// from several threads at once.
+class Backend {
+public:
+    virtual ~Backend() = default;
+    virtual void execute(const Command& cmd, Outcome& out) = 0;
+    virtual Geometry geometry() const = 0;
+    // Latency added to every command, in microseconds (0: due at once).
+    virtual uint32_t latencyUs() const { return 0; }
+    // Called when a READ CAPACITY(10) has completed on the device.
+    virtual void capacityRead() {}
+    virtual const char* kind() const = 0;
+};
+
+// Builds fixed-format sense (0x70) into `out`: 18 bytes, or 32 with the UEC in
+// bytes 20-21. With `valid`, sets the VALID bit and INFORMATION (bytes 3-6).
+void buildFixedSense(Outcome& out, uint8_t key, uint8_t asc, uint8_t ascq,
+                     bool hasUec, uint16_t uec, bool valid, uint32_t info);
+
+}  // namespace mqb
