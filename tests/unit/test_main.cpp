@@ -1,7 +1,14 @@
 // test_main.cpp: GoogleTest main for every unit test binary. It creates the one
 // Tcl interpreter the extension's code talks to and initialises the stubs table.
 #include <gtest/gtest.h>
+// The extension's objects call Tcl through the stubs table, and the build hands
+// USE_TCL_STUBS to this file too. The interpreter, though, must be made by the
+// real library before any table exists, so this file calls Tcl directly and
+// then fills the table with the stubs library's own initialiser.
+#undef USE_TCL_STUBS
 #include <tcl.h>
+#undef Tcl_InitStubs
+extern "C" const char* Tcl_InitStubs(Tcl_Interp* interp, const char* version, int exact);
 #include "TestSupport.h"
 
 namespace {
