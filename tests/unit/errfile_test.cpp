@@ -184,23 +184,4 @@ TEST(ErrFileHelpers, HexValAndIsValidSense) {
     EXPECT_FALSE(c.isValidSense('\0'));
 }
 
-TEST(ErrFileHelpers, ProcessSenseIgnoresUnknownFieldNumbers) {
-    KIVControl c;
-    c.processSense('1', '2', 0, true);
-    c.processSense('3', '4', 1, true);
-    c.processSense('5', '6', 7, true);
-    EXPECT_EQ(c.kcqCount, 0);
-    testing::internal::CaptureStdout();
-    c.processSense('x', '6', 2, false);
-    testing::internal::GetCapturedStdout();
-    ASSERT_EQ(c.kcqCount, 1);
-    EXPECT_EQ(c.kcqKey[0], 0x12);
-    EXPECT_EQ(c.kcqCode[0], 0x34);
-    EXPECT_EQ(c.kcqQual[0], 0x06);
-    EXPECT_EQ(c.kcqQualMask[0], 0x0F);
-    c.processUEC('x', 'a', 'X', '0', false);
-    EXPECT_EQ(c.kcqUec[0], 0x0A00);
-    EXPECT_EQ(c.kcqUecMask[0], 0x0F0F);
-}
-
 }  // namespace
