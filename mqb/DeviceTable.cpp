@@ -3,6 +3,7 @@
 #include "DeviceTable.h"
 #include <mutex>
 #include "backends/Device.h"
+#include "backends/FileDisk.h"
 #include "backends/SimDisk.h"
 
 namespace mqb {
@@ -37,7 +38,8 @@ std::unique_ptr<Backend> makeBackend(const std::string& spec, std::string& err) 
         if (!parseSimConfig(params, cfg, err)) return nullptr;
         return std::make_unique<SimDisk>(cfg);
     }
-    if (type == "file" || type == "sg") {
+    if (type == "file") return FileDisk::open(params, err);
+    if (type == "sg") {
         err = "device type \"" + type + "\" is not supported in this build";
         return nullptr;
     }

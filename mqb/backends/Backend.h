@@ -53,8 +53,28 @@ public:
     virtual const char* kind() const = 0;
 };
 
+// Shared SBC pieces of the block backends (Sbc.cpp).
+namespace sbc {
+constexpr uint8_t kReadCapacity = 0x25, kRead = 0x28, kWrite = 0x2A, kWrv = 0x2E, kVerify = 0x2F;
+
+// True for READ(10), WRITE(10), WRITE AND VERIFY(10) and VERIFY(10).
+inline bool isDataCommand(uint8_t op) {
+    return op == kRead || op == kWrite || op == kWrv || op == kVerify;
+}
+
+// Checks a data command against a disk of `blocks` blocks. A zero transfer
+// length is no error by itself, but its LBA must still be on the disk. On
+// failure fills `out` with ILLEGAL REQUEST / LBA OUT OF RANGE and returns false.
+bool checkRange(const Command& cmd, uint64_t blocks, Outcome& out);
+
+// Answers READ CAPACITY(10): last LBA (capped at 0xFFFFFFFF) and block size,
+// 32-bit big-endian each, into as much of the read buffer as it holds.
+void readCapacity(const Command& cmd, uint64_t blocks, uint32_t blockSize);
+}  // namespace sbc
+
 // Builds fixed-format sense (0x70) into `out`: 18 bytes, or 32 with the UEC in
 // bytes 20-21. With `valid`, sets the VALID bit and INFORMATION (bytes 3-6).
+// Sets out.status to CHECK CONDITION (-16).
 void buildFixedSense(Outcome& out, uint8_t key, uint8_t asc, uint8_t ascq,
                      bool hasUec, uint16_t uec, bool valid, uint32_t info);
 

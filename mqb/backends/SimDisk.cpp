@@ -11,22 +11,9 @@ namespace mqb {
 
 namespace {
 
-constexpr uint8_t kOpReadCapacity = 0x25;
-constexpr uint8_t kOpRead = 0x28;
-constexpr uint8_t kOpWrite = 0x2A;
-constexpr uint8_t kOpWrv = 0x2E;
-constexpr uint8_t kOpVerify = 0x2F;
-
 constexpr uint64_t kMaxBlocks = 1ULL << 48;
 constexpr uint64_t kMaxBlockSize = 1ULL << 20;
 constexpr uint64_t kMaxLatencyUs = 10000000;  // ten seconds
-
-void putBe32(uint8_t* p, uint32_t v) {
-    p[0] = uint8_t(v >> 24);
-    p[1] = uint8_t(v >> 16);
-    p[2] = uint8_t(v >> 8);
-    p[3] = uint8_t(v);
-}
 
 // Parses a whole decimal or 0x-prefixed number; false on junk or overflow.
 bool parseNumber(const std::string& s, uint64_t& v) {
@@ -40,24 +27,6 @@ bool parseNumber(const std::string& s, uint64_t& v) {
 }
 
 }  // namespace
-
-void buildFixedSense(Outcome& out, uint8_t key, uint8_t asc, uint8_t ascq,
-                     bool hasUec, uint16_t uec, bool valid, uint32_t info) {
-    const int len = hasUec ? 32 : 18;
-    std::memset(out.sense, 0, len);
-    out.sense[0] = uint8_t(0x70 | (valid ? 0x80 : 0));
-    out.sense[2] = uint8_t(key & 0x0F);
-    if (valid) putBe32(out.sense + 3, info);
-    out.sense[7] = uint8_t(len - 8);  // additional sense length
-    out.sense[12] = asc;
-    out.sense[13] = ascq;
-    if (hasUec) {
-        out.sense[20] = uint8_t(uec >> 8);
-        out.sense[21] = uint8_t(uec);
-    }
-    out.senseLen = uint8_t(len);
-    out.status = MQB_ERR_CHECK;
-}
 
 bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err) {
     size_t pos = 0;
@@ -112,40 +81,25 @@ Geometry SimDisk::geometry() const {
     return g;
 }
 
-// Carries out one command. Data commands past the last LBA fail with
-// ILLEGAL REQUEST / LBA OUT OF RANGE; a zero transfer length is no error by
-// itself but its LBA must still be on the disk. Without a store, reads leave
-// the caller's buffer untouched so the simulator costs nothing per byte.
+// Carries out one command. Without a store, reads leave the caller's buffer
+// untouched so the simulator costs nothing per byte.
 void SimDisk::execute(const Command& c, Outcome& out) {
     out.status = MQB_OK;
     out.senseLen = 0;
-    switch (c.opcode) {
-    case kOpReadCapacity: {
-        uint8_t d[8];
-        const uint64_t last = cfg_.blocks - 1;
-        putBe32(d, last > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(last));
-        putBe32(d + 4, cfg_.blockSize);
-        if (c.readBuf) std::memcpy(c.readBuf, d, size_t(std::min<uint64_t>(8, c.readLen)));
+    if (c.opcode == sbc::kReadCapacity) {
+        sbc::readCapacity(c, cfg_.blocks, cfg_.blockSize);
         return;
     }
-    case kOpRead:
-    case kOpWrite:
-    case kOpWrv:
-    case kOpVerify:
-        if (c.lba >= cfg_.blocks || (c.tl != 0 && c.lba + c.tl - 1 >= cfg_.blocks)) {
-            buildFixedSense(out, 0x05, 0x21, 0x00, false, 0, false, 0);
-            return;
-        }
-        if (!cfg_.store || cfg_.blockSize == 0 || c.tl == 0) return;
-        if (c.opcode == kOpRead && c.readBuf)
-            storeRead(c.lba, c.tl, c.readBuf, c.readLen);
-        else if ((c.opcode == kOpWrite || c.opcode == kOpWrv) && c.writeBuf)
-            storeWrite(c.lba, c.tl, c.writeBuf, c.writeLen);
-        return;
-    default:
+    if (!sbc::isDataCommand(c.opcode)) {
         buildFixedSense(out, 0x05, 0x20, 0x00, false, 0, false, 0);
         return;
     }
+    if (!sbc::checkRange(c, cfg_.blocks, out)) return;
+    if (!cfg_.store || cfg_.blockSize == 0 || c.tl == 0) return;
+    if (c.opcode == sbc::kRead && c.readBuf)
+        storeRead(c.lba, c.tl, c.readBuf, c.readLen);
+    else if ((c.opcode == sbc::kWrite || c.opcode == sbc::kWrv) && c.writeBuf)
+        storeWrite(c.lba, c.tl, c.writeBuf, c.writeLen);
 }
 
 // Copies up to tl blocks (bounded by the buffer length) into the store,

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <unistd.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -634,6 +635,53 @@ TEST(SimTrace, ArrivalOrderLimitStopAndReset) {
     mqb::traceGet(r.idx, t);
     EXPECT_TRUE(t.empty());
     EXPECT_FALSE(mqb::traceStart(mqb::deviceCount(), 1));
+}
+
+TEST(MQBFile, CommandsReachTheFile) {
+    char path[] = "/tmp/mqb_file_test_XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, 64 * 512 + 100), 0);  // the partial block is not addressable
+    Rig r(std::string("file:") + path);
+    DeviceInfo info;
+    ASSERT_EQ(r.m->getDeviceInfo(&info), 0);
+    EXPECT_EQ(info.capacity, 63u);
+    EXPECT_EQ(info.blockSize, 512u);
+    EXPECT_STREQ(info.backend, "file");
+
+    std::vector<uint8_t> out(3 * 512), in(3 * 512, 0xEE), disk(3 * 512);
+    for (size_t i = 0; i < out.size(); ++i) out[i] = uint8_t(i ^ 0x5C);
+    CDBStruct w = makeRec(WRITE10, 61, 3);
+    w.writeBuf = out.data();
+    w.writeLen = out.size();
+    ASSERT_EQ(roundTrip(*r.m, w), 0);
+    ASSERT_EQ(pread(fd, disk.data(), disk.size(), 61 * 512), ssize_t(disk.size()));
+    EXPECT_EQ(disk, out);
+    CDBStruct rd = makeRec(READ10, 61, 3);
+    rd.readBuf = in.data();
+    rd.readLen = in.size();
+    ASSERT_EQ(roundTrip(*r.m, rd), 0);
+    EXPECT_EQ(in, out);
+    EXPECT_EQ(roundTrip(*r.m, makeRec(VERIFY10, 0, 64)), 0);
+    EXPECT_EQ(roundTrip(*r.m, makeRec(READ10, 62, 3)), MQB_ERR_CHECK);
+    EXPECT_EQ(lastSense(*r.m)[12], 0x21);
+
+    uint8_t cap[8];
+    CDBStruct rc = makeRec(RDCAP10, 0, 0);
+    rc.readBuf = cap;
+    rc.readLen = 8;
+    ASSERT_EQ(roundTrip(*r.m, rc), 0);
+    const uint8_t want[8] = {0, 0, 0, 63, 0, 0, 2, 0};
+    EXPECT_EQ(0, std::memcmp(cap, want, 8));
+    close(fd);
+    unlink(path);
+
+    std::string err;
+    EXPECT_EQ(mqb::addDevice(std::string("file:") + path, err), -1) << "the file is gone";
+    EXPECT_NE(err.find("cannot open"), std::string::npos) << err;
+    EXPECT_EQ(mqb::addDevice("file:", err), -1);
+    EXPECT_EQ(mqb::addDevice("file:/dev/null", err), -1);
+    EXPECT_EQ(err, "\"/dev/null\" is smaller than one block");
 }
 
 // Two channels in two threads drive one device with a fault rule and a trace
