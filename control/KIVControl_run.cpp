@@ -312,7 +312,9 @@ void KIVControl::printThreaded(const char* text) {
         memcpy(printBuf + printLen, text, len);
         printBuf[printLen + len] = '\n';
         printBuf[printLen + len + 1] = '\0';
-        printLen += len + 1;
+        // checkErr peeks at the length without the lock to skip empty drains;
+        // store it as one relaxed atomic word so that peek is well defined.
+        __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
     }
     pthread_mutex_unlock(&printMutex);
 }
