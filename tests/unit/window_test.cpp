@@ -1,6 +1,6 @@
 // window_test.cpp: the status window without a display: its size arithmetic,
-// and the scripts setupWindow and updateErrWindow evaluate, recorded by a
-// stand-in for Tk (an `unknown` handler that logs every widget command and a
+// and the error table kept by updateErrWindow and addErrWidget, whose scripts
+// are recorded by a stand-in for Tk (an `unknown` handler that logs every widget command and a
 // `winfo` that answers with chosen numbers).
 #include <gtest/gtest.h>
 
@@ -54,7 +54,6 @@ const char* kRemoveFakeTk = R"tcl(
     rename ::unknown {}
     rename ::__kiv_saved_unknown ::unknown
     catch {rename ::winfo {}}
-    catch {rename ::toplevel {}}
     unset -nocomplain ::tkLog ::tkAnswer
 )tcl";
 
@@ -130,45 +129,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(WindowScripts, NoToplevelFallsBackToTheTerminal) {
-    Tcl_Eval(interp, "proc ::toplevel {args} { error {no display name} }");
-    startTclCapture(interp);
-    control.setupWindow();
-    std::string out = stopTclCapture(interp);
-    EXPECT_EQ("KIV: <I> Could not create Tk window, falling back to terminal display\n", out);
-    EXPECT_EQ(1, control.statMode);
-    // Only the removal of an old window was tried; nothing else was built.
-    std::vector<std::string> log = logged();
-    ASSERT_EQ(1u, log.size());
-    EXPECT_EQ("destroy .kivstat", log[0]);
-}
-
-TEST_F(WindowScripts, SetupBuildsOnlyInWindowMode) {
-    control.statMode = 1;
-    control.setupWindow();
-    EXPECT_TRUE(logged().empty());
-    EXPECT_EQ(1, control.statMode);
-
-    control.statMode = 2;
-    testing::internal::CaptureStdout();
-    control.setupWindow();
-    std::string out = testing::internal::GetCapturedStdout();
-    std::vector<std::string> log = logged();
-    EXPECT_EQ(2, control.statMode);
-    EXPECT_EQ("w=500, h=150\n", out);
-    ASSERT_GE(log.size(), 4u);
-    EXPECT_EQ("destroy .kivstat", log[0]);
-    EXPECT_EQ("toplevel .kivstat", log[1]);
-    EXPECT_EQ("wm geometry .kivstat 500x150", log.back());
-    // One row per device, each its position then 65 blanks; the scroll region
-    // takes the inner frame's request as Tk gave it.
-    std::string row1 = "label " + std::string(kInner) + ".device1 -font Courier 12 -text    1" +
-                       std::string(65, ' ');
-    EXPECT_EQ(1, countPrefix(log, row1));
-    EXPECT_EQ(0, countPrefix(log, "label " + std::string(kInner) + ".device2"));
-    EXPECT_EQ(1, countPrefix(log, ".kivstat.frame.cframe.canvas config -scrollregion 0 0 300 40"));
-}
 
 TEST_F(WindowScripts, ErrorHeaderIsConsumedOnceInAnyMode) {
     control.statMode = 1;
