@@ -15,6 +15,10 @@ testConstraint root [expr {[exec id -u] == 0}]
 # A plain tclsh cannot load libraries built with sanitizers.
 testConstraint plaintclsh [expr {![info exists ::env(KIV_SANITIZE)] || $::env(KIV_SANITIZE) eq ""}]
 
+# With Tk loaded, cleanupTests exits the process itself (status 0) unless the
+# run counts as interactive; keep control here so a failure gives exit 1.
+testConstraint interactive 1
+
 set ::kivFailed 0
 proc ::tcltest::cleanupTestsHook {} {
     variable numTests
