@@ -7,7 +7,7 @@ set d [mqb add sim:blocks=2000000,latency=20]
 
 # The first read that touches blocks 1000-400000 fails once with
 # MEDIUM ERROR / UNRECOVERED READ ERROR (03/11/00), INFORMATION = failing LBA.
-mqb fault $d add -op read -lba 1000:400000 -count 1 -status check -sense {03 11 00} -info 1
+mqb fault $d add -op read -lba 1000:400000 -count 1 -status check -sense {03 11 00} -uec 0x1200 -info 1
 
 kiv -devices $d -test r -r10 70 -w10 30 -qd 8 -time 5 -statmode term
 
