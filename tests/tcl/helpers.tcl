@@ -32,17 +32,26 @@ proc kivshChild {script {timeout 120}} {
     set fd [open $f w]; puts $fd $script; close $fd
     set errf $f.err
     set code [catch {exec timeout $timeout $::kivsh $f 2> $errf} out opts]
-    set rc 0
-    if {$code} {
-        set ec [dict get $opts -errorcode]
-        if {[lindex $ec 0] eq "CHILDSTATUS"} { set rc [lindex $ec 2] } else { set rc -1 }
-    }
-    set fd [open $errf]; set err [read $fd]; close $fd
+    set err [readFile $errf]
     file delete -force $f $errf
-    return [list $rc $out $err]
+    return [list [exitCode $code $opts] $out $err]
+}
+# The exit code of a finished exec (0 when it succeeded).
+proc exitCode {code opts} {
+    set ec [expr {$code ? [dict get $opts -errorcode] : {}}]
+    expr {!$code ? 0 : [lindex $ec 0] eq "CHILDSTATUS" ? [lindex $ec 2] : -1}
 }
 
 # A fresh temporary file path inside the test directory.
 proc tmpPath {name} {
     return [file join [tcltest::temporaryDirectory] kiv-[pid]-$name]
 }
+
+proc readFile {path} { set f [open $path]; set t [read $f]; close $f; return $t }
+proc writeFile {path text} { set f [open $path w]; puts -nonewline $f $text; close $f }
+
+# The statistics header, its rule, and one statistics line (fields as groups).
+set ::header "Indx  Test  Cmd       Ops  Last Lba   TL Secs  Ops/Sec   mb/s  errcnt"
+set ::rule [string repeat - 69]
+set ::lineRe {^ *(\d+) +(\S+) +(\S+) +(\d+) +(\d+) +(\d+) +(\d+) +(\d+) +(\d+)\.(\d\d) +(\d+)$}
+proc statLines {out} { lsearch -all -inline -regexp [split $out \n] $::lineRe }
