@@ -1,203 +1,100 @@
-// loop_run_test.cpp: a device loop's run against simulated disks: how many
-// commands it makes, how full it keeps the queue, how it handles failed
-// commands, halts and drains, and several loops in threads at once.
+// loop_run_test.cpp: device loop runs on simulated disks: command counts, queue
+// fill, failed commands, halts and drains, and loops in threads at once.
 #include <thread>
 
 #include "loop_harness.h"
 
-namespace {
-
-mqb::FaultRule checkEverywhere() {
-    mqb::FaultRule f;
-    f.kind = mqb::FaultRule::Kind::Check;
-    return f;
-}
-
-void addFault(SimRig& rig, const mqb::FaultRule& f) {
+static void addFault(SimRig& rig, mqb::FaultRule::Kind kind, uint32_t n = 1, int64_t lba = -1) {
+    mqb::FaultRule f;  // on every n-th command
+    f.kind = kind, f.every = n;
+    if (lba >= 0) f.lbaLo = f.lbaHi = lba, f.info = true, f.count = 1;  // once, with INFORMATION
     std::string err;
     ASSERT_GT(mqb::addFault(rig.dev, f, err), 0) << err;
 }
 
-}  // namespace
-
-TEST(LoopRun, OperationCountAgainstQueueDepth) {
+TEST(LoopRun, OperationCountAndQueueFill) {
     SimRig rig;
-    struct Case {
-        int qd, ops;
-        uint64_t commands;
-    } cases[] = {{4, 100, 99}, {1, 100, 99}, {0, 100, 100}, {8, 8, 7}, {32, 500, 499}};
-    for (const Case& k : cases) {
+    struct { int qd, ops; uint64_t commands, maxOutstanding; } cases[] = {
+        {4, 100, 99, 4}, {1, 100, 99, 1}, {0, 100, 100, 1}, {8, 8, 7, 7}, {128, 1000, 999, 128}};
+    for (const auto& k : cases) {
         mqb::reset(rig.dev);
-        rig.trace();
-        LoopCfg c;
-        c.testType = 0;
-        c.minTL = 1;
-        c.maxTL = 32;
-        c.readPct = c.writePct = c.wrvPct = c.verifyPct = 25;
-        c.qDepth = k.qd;
-        c.ops = k.ops;
-        auto l = makeLoop(rig, c);
+        auto l = makeLoop(rig, LoopCfg().type(0).tl(1, 32).mix(50, 50, 0, 0).depth(k.qd, k.ops));
         l->run();
         auto s = rig.stats();
-        EXPECT_EQ(s.commands, k.commands) << "qd " << k.qd;
-        EXPECT_EQ(l->opsDone.load(), k.commands);
-        EXPECT_EQ(l->outstanding, 0u);
-        EXPECT_EQ(l->errCount.load(), 0);
-        EXPECT_FALSE(l->running.load());
-        uint64_t blocks = 0;
-        for (const auto& t : rig.traced()) blocks += t.tl;
-        EXPECT_EQ(l->blocksIssued.load(), blocks);
-        EXPECT_EQ(s.reads + s.writes + s.wrvs + s.verifies, k.commands);
-        EXPECT_GT(s.reads * s.writes * s.wrvs * s.verifies, 0u);  // the mix reached the disk
-    }
-}
-
-TEST(LoopRun, KeepsTheQueueFullToItsDepth) {
-    SimRig rig;
-    for (int qd : {1, 2, 16, 128}) {
-        mqb::reset(rig.dev);
-        LoopCfg c;
-        c.qDepth = qd;
-        c.ops = 1000;
-        auto l = makeLoop(rig, c);
-        l->run();
-        EXPECT_EQ(rig.stats().maxOutstanding, (uint64_t)qd);
+        EXPECT_EQ(std::make_tuple(s.commands, s.maxOutstanding, l->opsDone.load(), l->outstanding,
+                                  l->errCount.load(), l->blocksIssued.load()),
+                  std::make_tuple(k.commands, k.maxOutstanding, k.commands, 0u, 0,
+                                  s.blocksRead + s.blocksWritten)) << "qd " << k.qd;
     }
 }
 
 TEST(LoopRun, PackedBacksOffPastAMediumError) {
     SimRig rig("sim:blocks=10000");
-    mqb::FaultRule f = checkEverywhere();
-    f.lbaLo = f.lbaHi = 5000;
-    f.info = true;
-    f.count = 1;
-    addFault(rig, f);
-    rig.trace();
-    LoopCfg c;
-    c.testType = 3;
-    c.minLba = 0;
-    c.maxLba = 9000;
-    auto l = makeLoop(rig, c);
-    std::string out = captureStdout([&] { l->run(); });
+    addFault(rig, mqb::FaultRule::Kind::Check, 1, 5000);
+    mqb::traceStart(rig.dev, 0);
+    auto l = makeLoop(rig, LoopCfg().type(3).lba(0, 9000));
+    std::string out = capture([&] { l->run(); }, false);
     EXPECT_NE(out.find("Backing off next lba to: 00005001\n"), std::string::npos) << out;
-    auto t = rig.traced();
+    std::vector<mqb::TraceEntry> t;
+    ASSERT_TRUE(mqb::traceGet(rig.dev, t));
     std::vector<uint64_t> around;
-    for (size_t i = 0; i < t.size(); i++)
-        if (t[i].lba >= 4992 && t[i].lba <= 5020) around.push_back(t[i].lba);
+    for (const auto& e : t)
+        if (e.lba >= 4992 && e.lba <= 5020) around.push_back(e.lba);
     EXPECT_EQ(around, (std::vector<uint64_t>{4992, 5000, 5001, 5009, 5017}));
     EXPECT_EQ(l->errCount.load(), 1);
-    EXPECT_EQ(t.back().lba, 9001u);  // the pass still reaches its end
-    EXPECT_EQ(t.back().tl, 0u);
+    EXPECT_EQ(std::make_pair(t.back().lba, t.back().tl), std::make_pair(uint64_t{9001}, 0u));
 }
 
 TEST(LoopRun, RefusedSendsAreCountedAndTheRunGoesOn) {
     SimRig rig;
-    mqb::FaultRule f = checkEverywhere();
-    f.kind = mqb::FaultRule::Kind::Refuse;
-    f.every = 3;
-    addFault(rig, f);
     for (int qd : {1, 4}) {
-        LoopCfg c;
-        c.qDepth = qd;
-        c.ops = 60;
-        auto l = makeLoop(rig, c);
-        l->run();
-        // 59 commands made, one in three refused; every accepted one completes.
-        EXPECT_EQ(l->errCount.load(), 19) << "qd " << qd;
-        EXPECT_EQ(l->opsDone.load(), 59u - (uint32_t)l->errCount.load());
-        EXPECT_EQ(l->outstanding, 0u);
         mqb::clearFaults(rig.dev);
-        addFault(rig, f);
+        addFault(rig, mqb::FaultRule::Kind::Refuse, 3);
+        auto l = makeLoop(rig, LoopCfg().depth(qd, 60));
+        l->run();  // 59 commands made, one in three refused; the rest complete
+        EXPECT_EQ(std::make_tuple(l->errCount.load(), l->opsDone.load(), l->outstanding),
+                  std::make_tuple(19, 40u, 0u)) << "qd " << qd;
     }
 }
 
-TEST(LoopRun, HaltOnErrorDrainsTheCommandsInFlight) {
+TEST(LoopRun, HaltOnErrorAndTheDestructorDrainWhatIsInFlight) {
     SimRig rig;
-    addFault(rig, checkEverywhere());
+    addFault(rig, mqb::FaultRule::Kind::Check);
     control.haltOnError(true);
-    LoopCfg c;
-    c.qDepth = 8;
-    c.ops = 0;  // no limit: only the halt ends it
-    auto l = makeLoop(rig, c);
+    auto l = makeLoop(rig, LoopCfg().depth(8, 0));  // no limit: only the halt ends it
     l->run();
     control.haltOnError(false);
-    auto s = rig.stats();
-    EXPECT_FALSE(l->running.load());
-    EXPECT_EQ(l->outstanding, 0u);
-    EXPECT_GE(l->opsDone.load(), 8u);
-    EXPECT_LE(l->opsDone.load(), 16u);
-    EXPECT_EQ(s.commands, l->opsDone.load());  // every command sent was received
+    EXPECT_EQ(std::make_pair(l->running.load(), l->outstanding), std::make_pair(false, 0u));
+    EXPECT_TRUE(l->opsDone.load() >= 8 && l->opsDone.load() <= 16) << l->opsDone.load();
+    EXPECT_EQ(rig.stats().commands, l->opsDone.load());  // every command sent was received
     EXPECT_EQ(l->errCount.load(), (int32_t)l->opsDone.load());
-}
-
-TEST(LoopRun, DestructorDrainsWhatIsOutstanding) {
-    SimRig rig;
-    LoopCfg c;
+    LoopCfg c;  // single-threaded: its commands go through the manager's MQB
     c.threadMode = false;
-    auto l = makeLoop(rig, c);
-    readyForCommands(*l);
+    l = readyLoop(rig, c);
     for (int i = 0; i < 5; i++) l->loadFunc();
-    EXPECT_EQ(l->outstanding, 5u);
     EXPECT_EQ(rig.mgr.getCurrentMQB()->outstanding(), 5);
     l.reset();
     EXPECT_EQ(rig.mgr.getCurrentMQB()->outstanding(), 0);
-}
-
-TEST(LoopRun, SingleThreadedRunStopsWhenKivRunIsCleared) {
-    SimRig rig("sim:blocks=100000,latency=200");
-    LoopCfg c;
-    c.threadMode = false;
-    c.qDepth = 4;
-    auto l = makeLoop(rig, c);
-    control.loops[0] = l.get();
-    control.numDevices = 1;
-    Tcl_SetVar(testInterp(), "kiv_run", "0", TCL_GLOBAL_ONLY);
-    l->run();  // a statistics pass within a couple of seconds sees kiv_run 0
-    Tcl_SetVar(testInterp(), "kiv_run", "1", TCL_GLOBAL_ONLY);
-    control.loops[0] = nullptr;
-    EXPECT_FALSE(l->running.load());
-    EXPECT_EQ(l->outstanding, 0u);
-    EXPECT_GT(l->opsDone.load(), 0u);
 }
 
 TEST(LoopRun, LoopsInThreadsShareDevices) {
     SimRig a;
     std::string err;
     int devB = mqb::addDevice("sim:blocks=50000,bs=4096", err);
-    ASSERT_GE(devB, 0);
+    ASSERT_GE(devB, 0) << err;
     std::vector<std::unique_ptr<KIVLoop>> loops;
-    for (int i = 0; i < 4; i++) {
-        LoopCfg c;
-        c.testType = i;  // random, sequential, mixed, packed
-        c.mixRatio = 0.5f;
-        c.minTL = 1;
-        c.maxTL = 16;
-        c.readPct = 40;
-        c.writePct = 30;
-        c.wrvPct = 10;
-        c.verifyPct = 20;
-        c.qDepth = 8;
-        c.ops = 3000;
-        auto l = std::make_unique<KIVLoop>(
-            &control, &a.mgr, i % 2 ? devB : a.dev, true, c.testType, c.mixRatio, 0, c.readPct,
-            c.writePct, c.wrvPct, c.verifyPct, c.minLba, c.maxLba, c.minTL, c.maxTL, c.qDepth,
-            c.ops, 0, 0, 0, 0, 0, -1);
-        ASSERT_TRUE(l->running.load());
-        KIVLoop::reserveReadBuffer((uint64_t)l->blockSize * l->maxTL + 1000);
-        loops.push_back(std::move(l));
-    }
+    LoopCfg c = LoopCfg().tl(1, 16).mix(40, 30, 10, 20).depth(8, 3000);
+    for (int type = 0; type < 4; type++)  // random, sequential, mixed, packed
+        loops.push_back(makeLoop(a, c.type(type, 0.5f), type % 2 ? devB : a.dev));
+    KIVLoop::reserveReadBuffer(4096 * 16 + 1000);
     std::vector<std::thread> threads;
     for (auto& l : loops) threads.emplace_back([&l] { l->run(); });
     for (auto& t : threads) t.join();
     uint64_t done = 0;
     for (auto& l : loops) {
-        EXPECT_EQ(l->outstanding, 0u);
-        EXPECT_EQ(l->errCount.load(), 0);
+        EXPECT_EQ(std::make_tuple(l->running.load(), l->outstanding, l->errCount.load()),
+                  std::make_tuple(false, 0u, 0));
         done += l->opsDone.load();
     }
-    mqb::DeviceStats sb;
-    ASSERT_TRUE(mqb::stats(devB, sb));
-    EXPECT_EQ(a.stats().commands + sb.commands, done);
-    loops.clear();
-    mqb::reset(devB);
+    EXPECT_EQ(a.stats().commands + a.stats(devB).commands, done);
 }
