@@ -11,6 +11,15 @@
 extern "C" const char* Tcl_InitStubs(Tcl_Interp* interp, const char* version, int exact);
 #include "TestSupport.h"
 
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+#include "DeviceTable.h"
+#include "KIVLoop.h"
+#include "MQB.h"
+
 namespace {
 Tcl_Interp* g_interp = nullptr;
 
@@ -47,6 +56,67 @@ std::string stopTclCapture(Tcl_Interp* interp) {
     Tcl_Eval(interp, "rename ::puts {}; rename ::__kiv_real_puts ::puts; unset -nocomplain ::__kiv_captured");
     Tcl_ResetResult(interp);
     return out;
+}
+
+std::string tclOutput(const std::function<void()>& f) {
+    startTclCapture(g_interp);
+    f();
+    return stopTclCapture(g_interp);
+}
+
+std::string stdoutOf(const std::function<void()>& f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string makeTempFile() {
+    char tmpl[] = "/tmp/kiv_unit_XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd < 0) return "";
+    close(fd);
+    return tmpl;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+void SimControlTest::SetUp() {
+    mqb::clearAllDevices();
+    std::string err;
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(mqb::addDevice("sim:blocks=1000", err), i) << err;
+    auto channel = std::make_unique<MQB>("sim");
+    ASSERT_EQ(channel->setDeviceIndex(3), 0);
+    mgr.setCurrentMQB(std::move(channel));
+    ctl = std::make_unique<KIVControl>();
+}
+
+KIVLoop* SimControlTest::addLoop(uint32_t deviceIdx) {
+    KIVLoop* l = nullptr;
+    tclOutput([&] {  // its set-up messages
+        l = new KIVLoop(ctl.get(), &mgr, 3, false, 2, 0.1f, 0, 100, 0, 0, 0, 0.0, 1.0, 1, 64, 1, 0,
+                        0, 0, 0, 0, 0, -1);
+    });
+    l->deviceIdx = deviceIdx;
+    l->lastCmd.store(0);
+    l->running.store(true);
+    return ctl->loops[ctl->numDevices++] = l;
+}
+
+void SimControlTest::TearDown() {
+    for (int i = 0; i < ctl->numDevices; i++) delete ctl->loops[i];
+    ctl.reset();
+    mgr.setCurrentMQB(nullptr);
+    mqb::clearAllDevices();
+    KIVControl::time_start = 0;
 }
 
 int main(int argc, char** argv) {
