@@ -115,6 +115,21 @@ TEST_F(Stats, FirstPassAndEndOfRunChecks) {
     }
 }
 
+// A run that ends before its first pass: the final pass counts from the run's
+// start (which run() leaves in lastReportMs), never from a previous run's figures.
+TEST_F(Stats, EarlyFinalPassShowsOnlyThisRun) {
+    std::string out = passAt([&](uint32_t now) {
+        KIVControl::time_start = 0;
+        ctl->lastReportMs = now - 500;  // the run started half a second ago
+        ctl->prevOps[0] = 90000, ctl->prevBlocks[0] = 90000;  // left by an earlier run
+        loop->opsDone.store(50), loop->blocksIssued.store(1000);
+    }, true);
+    // 50 ops in 500 ms = 100/s; 1000 blocks * 512 / 1000 / 500 ms = 1.02 mb/s.
+    EXPECT_NE(out.find("       50 "), std::string::npos) << out;
+    EXPECT_NE(out.find("      100   1.02 "), std::string::npos) << out;
+    EXPECT_EQ(std::make_pair(ctl->prevOps[0], ctl->prevBlocks[0]), std::make_pair(50u, (uint64_t)1000));
+}
+
 // run() derives the label before it refuses a run without devices; 90% random
 // gives 89/11 because the ratio is single precision.
 TEST_F(Stats, TestLabelFromTestType) {
