@@ -4,6 +4,7 @@
 #include <mutex>
 #include "backends/Device.h"
 #include "backends/FileDisk.h"
+#include "backends/SgDisk.h"
 #include "backends/SimDisk.h"
 
 namespace mqb {
@@ -39,10 +40,7 @@ std::unique_ptr<Backend> makeBackend(const std::string& spec, std::string& err) 
         return std::make_unique<SimDisk>(cfg);
     }
     if (type == "file") return FileDisk::open(params, err);
-    if (type == "sg") {
-        err = "device type \"" + type + "\" is not supported in this build";
-        return nullptr;
-    }
+    if (type == "sg") return SgDisk::open(params, err);
     err = "unknown device type \"" + type + "\"";
     return nullptr;
 }
