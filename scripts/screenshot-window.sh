@@ -2,9 +2,9 @@
 # screenshot-window.sh: takes docs/window.png, the picture of the status window
 # in the README. Starts a private X server (Xvfb :99, 1024x768x24), runs a short
 # two-device test on simulated disks in window mode with read errors injected
-# on the first disk, grabs the screen once the run has ended (failing row red,
-# clean row green, error table filled, button reading "Close Window"), crops it
-# to the window and stops the X server.
+# on the first disk, grabs the screen three seconds into the run (failing row
+# already red, error table filling, halt button live), crops it to the window
+# and stops the X server.
 #
 # Usage: scripts/screenshot-window.sh [BUILD_DIR]   (default: build)
 # Needs Xvfb, xwd and ImageMagick's convert.
@@ -35,22 +35,20 @@ done
 
 cat > "$script" <<'TCL'
 set out [lindex $argv 0]
-set bad [mqb add sim:blocks=100000]
-set good [mqb add sim:blocks=100000]
-mqb fault $bad add -op read -status check -sense {03 11 00} -uec 0x0101 -every 40
-mqb fault $bad add -op write -status check -sense {04 44 00} -uec 0x3400 -every 60
-kiv -devices "$bad $good" -time 4 -statmode window -test r -r10 70 -w10 30
-update
-# Grab the whole screen, then keep the window and a small margin around it.
-after 300 {
+set bad [mqb add sim:blocks=2000000,latency=100]
+set good [mqb add sim:blocks=2000000,latency=100]
+mqb fault $bad add -op read -status check -sense {03 11 00} -uec 0x0101 -every 400
+mqb fault $bad add -op write -status check -sense {04 44 00} -uec 0x3400 -every 600
+# The run services Tcl events while it goes on, so this fires mid-run: grab the
+# whole screen, then keep the window and a small margin around it.
+after 3000 {
     set w [expr {[winfo width .kivstat] + 20}]
     set h [expr {[winfo height .kivstat] + 20}]
     set x [expr {max(0, [winfo rootx .kivstat] - 10)}]
     set y [expr {max(0, [winfo rooty .kivstat] - 10)}]
     exec sh -c "xwd -root -silent | convert xwd:- -crop ${w}x${h}+${x}+${y} +repage png:$out"
-    set ::shot done
 }
-vwait ::shot
+kiv -devices "$bad $good" -time 5 -qd 8 -statmode window -test r -r10 70 -w10 30
 exit 0
 TCL
 
