@@ -31,37 +31,31 @@ const unsigned char* infoDescriptor(const unsigned char* s) {
 
 }  // namespace
 
-unsigned char SenseParser::getKey(const unsigned char* sense, unsigned char* out) {
+// One byte of the sense: at `fixedAt` in fixed format or `descAt` in
+// descriptor format, masked; 0 for a format it does not know. Also stored in
+// `out` when given.
+static unsigned char senseByte(const unsigned char* sense, int fixedAt, int descAt,
+                               unsigned char mask, unsigned char* out) {
     unsigned char v = 0;
     switch (formatOf(sense)) {
-    case Format::Fixed: v = sense[2] & 0x0F; break;
-    case Format::Descriptor: v = sense[1] & 0x0F; break;
+    case Format::Fixed: v = sense[fixedAt] & mask; break;
+    case Format::Descriptor: v = sense[descAt] & mask; break;
     case Format::Unknown: break;
     }
     if (out) *out = v;
     return v;
+}
+
+unsigned char SenseParser::getKey(const unsigned char* sense, unsigned char* out) {
+    return senseByte(sense, 2, 1, 0x0F, out);
 }
 
 unsigned char SenseParser::getCode(const unsigned char* sense, unsigned char* out) {
-    unsigned char v = 0;
-    switch (formatOf(sense)) {
-    case Format::Fixed: v = sense[12]; break;
-    case Format::Descriptor: v = sense[2]; break;
-    case Format::Unknown: break;
-    }
-    if (out) *out = v;
-    return v;
+    return senseByte(sense, 12, 2, 0xFF, out);
 }
 
 unsigned char SenseParser::getQual(const unsigned char* sense, unsigned char* out) {
-    unsigned char v = 0;
-    switch (formatOf(sense)) {
-    case Format::Fixed: v = sense[13]; break;
-    case Format::Descriptor: v = sense[3]; break;
-    case Format::Unknown: break;
-    }
-    if (out) *out = v;
-    return v;
+    return senseByte(sense, 13, 3, 0xFF, out);
 }
 
 // The UEC lives only in long (32-byte) fixed-format sense; the additional
