@@ -74,7 +74,8 @@ void KIVControl::testErr(KIVLoop* loop, int status, unsigned char* sense, int se
             memcpy(printBuf + printLen, text, len);
             printBuf[printLen + len] = '\n';
             printBuf[printLen + len + 1] = '\0';
-            printLen += len + 1;
+            // checkErr peeks at the length without the lock: one relaxed atomic store.
+            __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
         }
         if (errLogfileName != nullptr && errLogfile != nullptr) fprintf(errLogfile, "%s\n", text);
     };
@@ -164,7 +165,7 @@ void KIVControl::checkErr() {
         Tcl_DecrRefCount(objv[1]);
     }
     memcpy(printBuf, "puts \"", kPrintPrefixLen + 1);
-    printLen = kPrintPrefixLen;
+    __atomic_store_n(&printLen, kPrintPrefixLen, __ATOMIC_RELAXED);
     updateErrWindow();
     pthread_mutex_unlock(&printMutex);
 }
