@@ -1,6 +1,10 @@
 // MQB.cpp: a channel to the device table: device selection, the ioctls, and
 // the fixed-size completion queue that send() fills and receive() drains.
+// Data commands of file devices run through the channel's own io_uring (made
+// on the first such command); they join the completion queue when the kernel
+// completes them. Without io_uring they run synchronously inside send().
 #include "MQB.h"
+#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -9,6 +13,9 @@
 #include "DeviceTable.h"
 #include "MQBErr.h"
 #include "backends/Device.h"
+#if MQB_HAVE_URING
+#include <liburing.h>
+#endif
 
 namespace {
 
@@ -50,6 +57,18 @@ struct Slot {
     mqb::Outcome out;
 };
 
+#if MQB_HAVE_URING
+constexpr unsigned kRingEntries = kQueueCap;  // one SQE per command the channel can hold
+constexpr uint64_t kScratch = 256 * 1024;     // VERIFY reads its blocks here, in chunks
+
+// A command handed to io_uring: its slot (copied into the completion queue
+// when done) and what is left of its transfer.
+struct AsyncOp {
+    Slot            s;
+    mqb::IoRequest  io;
+};
+#endif
+
 }  // namespace
 
 struct MQB::Impl {
@@ -72,15 +91,182 @@ struct MQB::Impl {
     uint8_t  senseLen = 0;
     uint8_t  sense[mqb::kMaxSense] = {};
 
+    // Commands with the kernel, not yet in the completion queue.
+    int  pending = 0;
+    // Set once io_uring turned out to be unavailable: file devices then run
+    // synchronously. Always set without liburing.
+#if MQB_HAVE_URING
+    bool asyncOff = false;
+    bool ringUp = false;
+    io_uring uring{};
+    std::unique_ptr<AsyncOp[]> ops;      // kQueueCap entries; the SQE user_data indexes them
+    std::unique_ptr<int[]> freeOps;      // stack of unused op indexes
+    int  nFree = 0;
+    std::unique_ptr<uint8_t[]> scratch;  // kScratch bytes, shared by every VERIFY
+#else
+    bool asyncOff = true;
+#endif
+
     explicit Impl(const std::string& d) : driver(d) {}
 };
+
+namespace {
+
+// Moves the slot at `pos` (the tail) towards the head until the queue is
+// ordered by due time again; equal times stay in arrival order.
+void insertSorted(MQB::Impl& m, int pos) {
+    while (pos != m.head) {
+        const int prev = (pos - 1) & (kQueueCap - 1);
+        if (m.ring[prev].due <= m.ring[pos].due) break;
+        std::swap(m.ring[prev], m.ring[pos]);
+        pos = prev;
+    }
+    ++m.count;
+}
+
+#if MQB_HAVE_URING
+// Makes the channel's io_uring and its fixed buffers. Returns false (and
+// switches the channel to synchronous I/O for good) when the kernel refuses.
+bool startRing(MQB::Impl& m) {
+    if (m.ringUp) return true;
+    if (io_uring_queue_init(kRingEntries, &m.uring, 0) < 0) {
+        m.asyncOff = true;
+        return false;
+    }
+    m.ringUp = true;
+    m.ops.reset(new AsyncOp[kQueueCap]);
+    m.freeOps.reset(new int[kQueueCap]);
+    m.scratch.reset(new uint8_t[kScratch]);
+    for (int i = 0; i < kQueueCap; ++i) m.freeOps[i] = kQueueCap - 1 - i;
+    m.nFree = kQueueCap;
+    return true;
+}
+
+// Queues the next piece of op `i`'s transfer and submits it. Never fails:
+// there is an SQE for every op, and an SQE the kernel could not take yet is
+// submitted again before the channel waits.
+void queueIo(MQB::Impl& m, int i) {
+    AsyncOp& op = m.ops[i];
+    io_uring_sqe* sqe = io_uring_get_sqe(&m.uring);
+    if (!sqe) {
+        io_uring_submit(&m.uring);
+        sqe = io_uring_get_sqe(&m.uring);
+    }
+    const uint64_t cap = op.io.kind == mqb::IoRequest::Kind::Verify ? kScratch : 1u << 30;
+    const unsigned len = unsigned(op.io.len < cap ? op.io.len : cap);
+    if (op.io.kind == mqb::IoRequest::Kind::Write)
+        io_uring_prep_write(sqe, op.io.fd, op.io.buf, len, op.io.off);
+    else
+        io_uring_prep_read(sqe, op.io.fd,
+                           op.io.kind == mqb::IoRequest::Kind::Verify ? m.scratch.get() : op.io.buf,
+                           len, op.io.off);
+    io_uring_sqe_set_data64(sqe, uint64_t(i));
+    io_uring_submit(&m.uring);
+}
+
+// Takes one kernel completion. A partial transfer (or an interrupted one) is
+// continued with a new SQE; a finished or failed op moves into the
+// completion queue, due now, with MEDIUM ERROR sense when it failed. Marks
+// the CQE seen.
+void takeCqe(MQB::Impl& m, io_uring_cqe* cqe) {
+    const int i = int(io_uring_cqe_get_data64(cqe));
+    const int res = cqe->res;
+    io_uring_cqe_seen(&m.uring, cqe);
+    AsyncOp& op = m.ops[i];
+    bool failed = false;
+    if (res == -EINTR || res == -EAGAIN) {
+        queueIo(m, i);
+        return;
+    }
+    if (res <= 0) {
+        failed = true;  // an error, or end of file inside the device's range
+    } else {
+        op.io.off += uint64_t(res);
+        op.io.len -= uint64_t(res);
+        if (op.io.kind != mqb::IoRequest::Kind::Verify) op.io.buf += res;
+        if (op.io.len > 0) {
+            queueIo(m, i);
+            return;
+        }
+    }
+    if (failed) {
+        const bool write = op.io.kind == mqb::IoRequest::Kind::Write;
+        mqb::buildFixedSense(op.s.out, 0x03, write ? 0x0C : 0x11, 0x00, false, 0, false, 0);
+        op.s.dev->noteError();
+    }
+    op.s.due = nowNs();
+    const int pos = (m.head + m.count) & (kQueueCap - 1);
+    m.ring[pos] = op.s;
+    insertSorted(m, pos);
+    --m.pending;
+    m.freeOps[m.nFree++] = i;
+}
+
+// Takes every completion the kernel already has, without waiting.
+void reapReady(MQB::Impl& m) {
+    io_uring_cqe* cqe;
+    while (m.pending > 0 && io_uring_peek_cqe(&m.uring, &cqe) == 0) takeCqe(m, cqe);
+}
+
+// Makes sure the head of the completion queue is the earliest completion:
+// takes what the kernel has, then waits for the kernel while the queue is
+// empty or its head is not due yet (a simulated latency). Returns false when
+// the kernel cannot be waited on and the queue is still empty.
+bool awaitHead(MQB::Impl& m) {
+    reapReady(m);
+    while (m.pending > 0) {
+        io_uring_submit(&m.uring);  // anything the kernel could not take before
+        io_uring_cqe* cqe = nullptr;
+        int rc;
+        if (m.count > 0) {
+            const uint64_t due = m.ring[m.head].due, now = nowNs();
+            if (due <= now) break;
+            __kernel_timespec ts{};
+            ts.tv_sec = int64_t((due - now) / 1000000000u);
+            ts.tv_nsec = int64_t((due - now) % 1000000000u);
+            rc = io_uring_wait_cqe_timeout(&m.uring, &cqe, &ts);
+            if (rc == -ETIME) break;
+        } else {
+            rc = io_uring_wait_cqe(&m.uring, &cqe);
+        }
+        if (rc == -EINTR) continue;
+        if (rc < 0) break;
+        takeCqe(m, cqe);
+        reapReady(m);
+    }
+    return m.count > 0;
+}
+
+// Waits for every op still with the kernel and drops it, then frees the ring.
+// The kernel must be done with the callers' buffers before the channel goes.
+void stopRing(MQB::Impl& m) {
+    if (!m.ringUp) return;
+    io_uring_submit(&m.uring);
+    while (m.pending > 0) {
+        io_uring_cqe* cqe = nullptr;
+        const int rc = io_uring_wait_cqe(&m.uring, &cqe);
+        if (rc == -EINTR) continue;
+        if (rc < 0) break;
+        m.ops[io_uring_cqe_get_data64(cqe)].s.dev->leave();
+        io_uring_cqe_seen(&m.uring, cqe);
+        --m.pending;
+    }
+    io_uring_queue_exit(&m.uring);
+    m.ringUp = false;
+}
+#endif
+
+}  // namespace
 
 MQB::MQB(const std::string& driver) : impl_(std::make_unique<Impl>(driver)) {}
 
 // Commands still in flight are dropped: the devices only need to know they
-// are no longer outstanding.
+// are no longer outstanding. Those with the kernel are waited for first.
 MQB::~MQB() {
     Impl& m = *impl_;
+#if MQB_HAVE_URING
+    stopRing(m);
+#endif
     for (int i = 0; i < m.count; ++i) m.ring[(m.head + i) & (kQueueCap - 1)].dev->leave();
 }
 
@@ -192,7 +378,8 @@ int MQB::deviceCount() { return mqb::deviceCount(); }
 // Queues the command of `record`. The device decides its outcome now; the
 // completion is placed in the ring by due time (arrival + device latency), so
 // a run of equal-latency commands only ever appends. Reads the clock only for
-// a device with latency.
+// a device with latency. A data command the device hands back as I/O goes to
+// the channel's io_uring instead and joins the ring when the kernel is done.
 int MQB::send(unsigned char* record) {
     Impl& m = *impl_;
     if (!record) return MQB_ERR_PARAM;
@@ -202,7 +389,7 @@ int MQB::send(unsigned char* record) {
     mqb::Device* d = m.dev;
     if (!d) return MQB_ERR_NO_DEVICE;
     if (d->locked()) return MQB_ERR_LOCKED;
-    if (m.count == kQueueCap) return MQB_ERR_QUEUE_FULL;
+    if (m.count + m.pending == kQueueCap) return MQB_ERR_QUEUE_FULL;
 
     int pos = (m.head + m.count) & (kQueueCap - 1);
     Slot& s = m.ring[pos];
@@ -226,31 +413,44 @@ int MQB::send(unsigned char* record) {
     c.writeBuf = ldPtr<const uint8_t>(record + mqbrec::kWriteBuf);
     c.writeLen = ld64(record + mqbrec::kWriteLen);
 
-    if (!d->submit(c, s.tag, s.out)) {
+    mqb::IoRequest io;
+    if (!d->submit(c, s.tag, s.out, m.asyncOff ? nullptr : &io)) {
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         return s.out.status;
     }
+    d->enter();
+    if (io.kind != mqb::IoRequest::Kind::None) {
+#if MQB_HAVE_URING
+        if (startRing(m)) {
+            const int i = m.freeOps[--m.nFree];
+            m.ops[i].s = s;
+            m.ops[i].io = io;
+            ++m.pending;
+            queueIo(m, i);
+            return MQB_OK;
+        }
+#endif
+        d->backend().execute(c, s.out);  // no io_uring after all: synchronous I/O
+        if (s.out.status != MQB_OK) d->noteError();
+    }
     const uint32_t lat = d->backend().latencyUs();
     s.due = lat ? nowNs() + uint64_t(lat) * 1000 : 0;
-    d->enter();
-    // Keep the ring ordered by due time; equal times stay in arrival order.
-    while (pos != m.head) {
-        const int prev = (pos - 1) & (kQueueCap - 1);
-        if (m.ring[prev].due <= m.ring[pos].due) break;
-        std::swap(m.ring[prev], m.ring[pos]);
-        pos = prev;
-    }
-    ++m.count;
+    insertSorted(m, pos);
     return MQB_OK;
 }
 
-// Takes the earliest completion, sleeping until it is due. Remembers its tag
-// and CDB for receiveInfo and its sense (or none) for errInfo. A completed
-// READ CAPACITY(10) tells the device its block size is now known.
+// Takes the earliest completion, sleeping until it is due (or waiting for the
+// kernel when only io_uring commands are out). Remembers its tag and CDB for
+// receiveInfo and its sense (or none) for errInfo. A completed READ
+// CAPACITY(10) tells the device its block size is now known. Returns
+// MQB_ERR_IO when commands are with a kernel that cannot be waited on.
 int MQB::receive() {
     Impl& m = *impl_;
-    if (m.count == 0) return MQB_ERR_NOTHING_OUT;
+    if (m.count + m.pending == 0) return MQB_ERR_NOTHING_OUT;
+#if MQB_HAVE_URING
+    if (m.pending > 0 && !awaitHead(m)) return MQB_ERR_IO;
+#endif
     Slot& s = m.ring[m.head];
     if (s.due != 0) {
         const uint64_t now = nowNs();
@@ -328,7 +528,7 @@ const std::string& MQB::driver() const { return impl_->driver; }
 void MQB::setDriver(const std::string& driver) { impl_->driver = driver; }
 void MQB::setCloneAllowed(bool allowed) { impl_->cloneOk = allowed; }
 bool MQB::cloneAllowed() const { return impl_->cloneOk; }
-int MQB::outstanding() const { return impl_->count; }
+int MQB::outstanding() const { return impl_->count + impl_->pending; }
 
 MQB* createMQB(const char* name, int, int, int) {
     if (!name || !*name) return nullptr;

@@ -64,8 +64,9 @@ public:
     // completion will follow; otherwise a status (-16: sense through errInfo).
     int  send(unsigned char* record);
     // Takes the next completion of this channel (in order of finishing time,
-    // waiting for it when it is not yet due) and returns its status. With
-    // nothing outstanding it returns MQB_ERR_NOTHING_OUT at once.
+    // waiting for it when it is not yet due or still with the kernel) and
+    // returns its status. With nothing outstanding it returns
+    // MQB_ERR_NOTHING_OUT at once.
     int  receive();
     int  receiveInfo(int code, int count, ...);   // about the last completion
     int  errInfo(int code, int count, ...);       // sense of the last failure

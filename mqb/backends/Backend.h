@@ -20,6 +20,19 @@ struct Command {
     uint64_t       writeLen = 0;
 };
 
+// The I/O a backend asks the channel to carry out asynchronously for one
+// accepted data command: `len` bytes at byte offset `off` of `fd`. A Verify
+// reads into the channel's own scratch (its data is thrown away), so `buf` is
+// null for it. Kind None means the command runs synchronously in execute().
+struct IoRequest {
+    enum class Kind : uint8_t { None, Read, Write, Verify };
+    Kind     kind = Kind::None;
+    int      fd = -1;
+    uint8_t* buf = nullptr;
+    uint64_t len = 0;
+    uint64_t off = 0;
+};
+
 // Largest sense a backend produces (fixed format with the vendor UEC).
 constexpr int kMaxSense = 32;
 
@@ -45,6 +58,12 @@ class Backend {
 public:
     virtual ~Backend() = default;
     virtual void execute(const Command& cmd, Outcome& out) = 0;
+    // For a backend whose data commands can run as asynchronous file I/O:
+    // fills `io` and returns true when `cmd` is such a command and will
+    // succeed as far as can be told before the I/O (in range, writable, some
+    // bytes to move). Returns false, leaving `io` alone, for anything that
+    // execute() is to answer instead.
+    virtual bool prepareAsync(const Command& cmd, IoRequest& io) { (void)cmd, (void)io; return false; }
     virtual Geometry geometry() const = 0;
     // Latency added to every command, in microseconds (0: due at once).
     virtual uint32_t latencyUs() const { return 0; }

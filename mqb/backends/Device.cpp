@@ -23,7 +23,7 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 Device::Device(std::string spec, std::unique_ptr<Backend> backend)
     : spec_(std::move(spec)), backend_(std::move(backend)) {}
 
-bool Device::submit(const Command& c, uint32_t tag, Outcome& out) {
+bool Device::submit(const Command& c, uint32_t tag, Outcome& out, IoRequest* io) {
     bump(commands_);
     switch (c.opcode) {
     case 0x28: bump(reads_); bump(blocksRead_, c.tl); break;
@@ -41,6 +41,11 @@ bool Device::submit(const Command& c, uint32_t tag, Outcome& out) {
             bump(errors_);
             return !refused;
         }
+    }
+    if (io && backend_->prepareAsync(c, *io)) {
+        out.status = MQB_OK;
+        out.senseLen = 0;
+        return true;
     }
     backend_->execute(c, out);
     if (out.status != MQB_OK) bump(errors_);

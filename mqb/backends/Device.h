@@ -21,8 +21,12 @@ public:
     // that fires, otherwise lets the backend carry it out into `out`. Returns
     // false when the command is refused (out then holds the -16 and its
     // sense); true when it was accepted and `out` is its completion. With no
-    // trace and no faults it takes no lock and does not allocate.
-    bool submit(const Command& cmd, uint32_t tag, Outcome& out);
+    // trace and no faults it takes no lock and does not allocate. Given `io`,
+    // a command the backend can run asynchronously is not executed: `io`
+    // describes its I/O, `out` is left good, and the caller carries it out.
+    bool submit(const Command& cmd, uint32_t tag, Outcome& out, IoRequest* io = nullptr);
+    // Counts an error found after submit() (a failed asynchronous I/O).
+    void noteError() { bump(errors_); }
 
     // Bookkeeping of commands in flight across every channel, for the peak.
     void enter();

@@ -2,6 +2,8 @@
 // Reads and writes move min(buffer length, TL blocks) bytes; VERIFY reads the
 // blocks through a small stack buffer so a bad medium shows up without any
 // allocation. I/O failures answer MEDIUM ERROR sense like a real disk would.
+// prepareAsync describes the same transfers for a channel that runs them
+// through io_uring; the channel then maps failures to the same sense.
 #include "FileDisk.h"
 #include <fcntl.h>
 #include <unistd.h>
@@ -61,6 +63,28 @@ bool FileDisk::writeAt(const uint8_t* src, uint64_t len, uint64_t off) {
         off += uint64_t(n);
         len -= uint64_t(n);
     }
+    return true;
+}
+
+bool FileDisk::prepareAsync(const Command& c, IoRequest& io) {
+    if (!sbc::isDataCommand(c.opcode)) return false;
+    Outcome range;
+    if (!sbc::checkRange(c, blocks_, range)) return false;  // execute() answers 05/21/00
+    const uint64_t bytes = uint64_t(c.tl) * kBlockSize;
+    uint8_t* buf = nullptr;
+    uint64_t len = bytes;
+    IoRequest::Kind kind = IoRequest::Kind::Verify;
+    if (c.opcode == sbc::kRead) {
+        if (!c.readBuf) return false;
+        kind = IoRequest::Kind::Read, buf = c.readBuf, len = std::min(bytes, c.readLen);
+    } else if (c.opcode != sbc::kVerify) {
+        if (readOnly_ || !c.writeBuf) return false;  // execute() answers write protected
+        // The kernel only reads from a write's buffer.
+        kind = IoRequest::Kind::Write, buf = const_cast<uint8_t*>(c.writeBuf);
+        len = std::min(bytes, c.writeLen);
+    }
+    if (len == 0) return false;
+    io.kind = kind, io.fd = fd_, io.buf = buf, io.len = len, io.off = c.lba * kBlockSize;
     return true;
 }
 

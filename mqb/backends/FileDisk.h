@@ -1,5 +1,6 @@
 // FileDisk.h: a regular file or block device as a SCSI disk of 512-byte
-// blocks, each command carried out as real I/O on the caller's thread.
+// blocks. Data commands are real I/O: handed to the channel's io_uring when it
+// has one (prepareAsync), else carried out on the caller's thread (execute).
 #pragma once
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@ public:
     static std::unique_ptr<Backend> open(const std::string& path, std::string& err);
     ~FileDisk() override;
     void execute(const Command& cmd, Outcome& out) override;
+    bool prepareAsync(const Command& cmd, IoRequest& io) override;
     Geometry geometry() const override { return Geometry{blocks_, kBlockSize}; }
     const char* kind() const override { return "file"; }
 
