@@ -219,37 +219,29 @@ void KIVControl::analyzeLoop() {
     finishLoop();
 }
 
+namespace {
+// Flushes and closes a run's output file (when it was opened) and releases
+// its name, leaving both fields null.
+void closeRunFile(FILE*& file, char*& name) {
+    if (file) {
+        fflush(file);
+        fclose(file);
+    }
+    file = nullptr;
+    free(name);
+    name = nullptr;
+}
+}  // namespace
+
 // Ends a run in either mode: closes the files (writing the error statistics),
 // finishes the window, sets kiv_run to 0, joins the test threads, destroys the
 // loops, shows what is left in the print buffer and says the test is complete.
 void KIVControl::finishLoop() {
-    if (statLogfileName) {
-        if (statLogfile) {
-            fflush(statLogfile);
-            fclose(statLogfile);
-        }
-        statLogfile = nullptr;
-        free(statLogfileName);
-        statLogfileName = nullptr;
-    }
-    if (errLogfileName) {
-        if (errLogfile) {
-            fflush(errLogfile);
-            fclose(errLogfile);
-        }
-        errLogfile = nullptr;
-        free(errLogfileName);
-        errLogfileName = nullptr;
-    }
+    if (statLogfileName) closeRunFile(statLogfile, statLogfileName);
+    if (errLogfileName) closeRunFile(errLogfile, errLogfileName);
     if (errStatFileName) {
-        if (errStatFile) {
-            generateStatFile();
-            fflush(errStatFile);
-            fclose(errStatFile);
-        }
-        errStatFile = nullptr;
-        free(errStatFileName);
-        errStatFileName = nullptr;
+        if (errStatFile) generateStatFile();
+        closeRunFile(errStatFile, errStatFileName);
     }
     if (statMode == 2) finalizeWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
