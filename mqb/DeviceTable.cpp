@@ -4,6 +4,7 @@
 #include <mutex>
 #include "backends/Device.h"
 #include "backends/FileDisk.h"
+#include "backends/IscsiDisk.h"
 #include "backends/SgDisk.h"
 #include "backends/SimDisk.h"
 
@@ -41,6 +42,7 @@ std::unique_ptr<Backend> makeBackend(const std::string& spec, std::string& err) 
     }
     if (type == "file") return FileDisk::open(params, err);
     if (type == "sg") return SgDisk::open(params, err);
+    if (type == "iscsi") return IscsiDisk::open(spec, err);
     err = "unknown device type \"" + type + "\"";
     return nullptr;
 }

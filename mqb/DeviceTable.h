@@ -54,7 +54,7 @@ struct TraceEntry {
 
 struct DeviceSummary {
     std::string spec;
-    std::string backend;             // "sim", "file", "sg"
+    std::string backend;             // "sim", "file", "sg", "iscsi"
     uint64_t    blocks = 0;          // capacity as DeviceInfo reports it (last LBA)
     uint32_t    blockSize = 0;
     bool        locked = false;

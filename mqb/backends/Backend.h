@@ -1,8 +1,9 @@
 // Backend.h: the small interface every device kind implements (the simulated
-// disk, and later files and SCSI generic devices), and the command/outcome
+// disk, files, SCSI generic devices and iSCSI LUNs), and the command/outcome
 // records that pass through it.
 #pragma once
 #include <cstdint>
+#include <memory>
 
 namespace mqb {
 
@@ -33,8 +34,9 @@ struct IoRequest {
     uint64_t off = 0;
 };
 
-// Largest sense a backend produces (fixed format with the vendor UEC).
-constexpr int kMaxSense = 32;
+// Largest sense a backend passes on: the simulated disk's fixed format with the
+// vendor UEC is 32 bytes, a pass-through device may send up to 252.
+constexpr int kMaxSense = 252;
 
 // How a command ended. `senseLen` is 0 unless `status` is a CHECK CONDITION.
 struct Outcome {
@@ -54,6 +56,8 @@ struct Geometry {
 // decides when that outcome is delivered); it never allocates on the data path
 // unless the backend keeps data and has to grow its store. Must be safe to call
 // from several threads at once.
+class Queue;
+
 class Backend {
 public:
     virtual ~Backend() = default;
@@ -70,6 +74,10 @@ public:
     // Called when a READ CAPACITY(10) has completed on the device.
     virtual void capacityRead() {}
     virtual const char* kind() const = 0;
+    // Opens an asynchronous queue of up to `depth` commands in flight for one
+    // channel (Queue.h). Returns null when the backend has no queue of its own
+    // or the queue cannot be opened; the caller then uses execute().
+    virtual std::unique_ptr<Queue> openQueue(int depth);
 };
 
 // Shared SBC pieces of the block backends (Sbc.cpp).
