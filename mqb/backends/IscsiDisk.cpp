@@ -167,17 +167,24 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
 
 void IscsiDisk::execute(const Command& cmd, Outcome& out) {
     std::lock_guard<std::mutex> g(lock_);
+    const auto now = std::chrono::steady_clock::now();
     if (!session_ || session_->lost()) {
+        // Commands queued behind a lost session end at once; only after a
+        // pause of one time-out is a new log-in tried, so a dead or silent
+        // target costs a run one time-out, not one per command in flight.
         std::string err;
         session_.reset();
-        session_ = IscsiQueue::open(target_, 1, err);
+        if (now >= retryAt_) session_ = IscsiQueue::open(target_, 1, err);
         if (!session_) {
+            retryAt_ = std::chrono::steady_clock::now() + std::chrono::seconds(target_.timeoutSec);
             out.status = MQB_ERR_TIMEOUT;
             out.senseLen = 0;
             return;
         }
     }
     runOne(*session_, cmd, out);
+    if (session_->lost())
+        retryAt_ = std::chrono::steady_clock::now() + std::chrono::seconds(target_.timeoutSec);
 }
 
 std::unique_ptr<Queue> IscsiDisk::openQueue(int depth) {

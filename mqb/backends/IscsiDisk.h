@@ -5,6 +5,7 @@
 // (openQueue); the disk keeps one more session for commands run through
 // execute().
 #pragma once
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -40,8 +41,8 @@ public:
     ~IscsiDisk() override;
 
     // Runs one command to its end on the disk's own session, one caller at a
-    // time. A lost session is logged in again for the next command; when that
-    // fails the command ends with -14.
+    // time. Once that session is lost, commands end with -14 at once for one
+    // time-out; the next command after that logs in again (-14 if it cannot).
     void execute(const Command& cmd, Outcome& out) override;
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "iscsi"; }
@@ -55,8 +56,9 @@ private:
 
     const IscsiTarget           target_;
     const Geometry              geo_;
-    std::mutex                  lock_;     // guards session_
+    std::mutex                  lock_;     // guards session_ and retryAt_
     std::unique_ptr<IscsiQueue> session_;  // execute()'s session; null after a failed login
+    std::chrono::steady_clock::time_point retryAt_{};  // no new log-in before this
 };
 
 }  // namespace mqb

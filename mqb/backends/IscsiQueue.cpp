@@ -213,7 +213,7 @@ int IscsiQueue::commit() {
         markLost(iscsi_get_error(ctx_));
         return MQB_ERR_TIMEOUT;
     }
-    if (expired_) markLost("no answer from the target within the time-out");
+    if (failure_) markLost(failure_);
     return MQB_OK;
 }
 
@@ -274,9 +274,8 @@ void IscsiQueue::pollOnce(int waitMs) {
     if (rc < 0) return;  // interrupted: the caller looks again
     // Service even without events: libiscsi scans its own PDU time-outs there.
     const int revents = rc > 0 ? p.revents : 0;
-    if (iscsi_service(ctx_, revents & ~POLLRDHUP) < 0 || expired_) {
-        markLost(expired_ ? "no answer from the target within the time-out"
-                          : iscsi_get_error(ctx_));
+    if (iscsi_service(ctx_, revents & ~POLLRDHUP) < 0 || failure_) {
+        markLost(failure_ ? failure_ : iscsi_get_error(ctx_));
         return;
     }
     // What the peer sent before it went has been processed above; nothing
@@ -303,7 +302,6 @@ void IscsiQueue::onDone(iscsi_context*, int status, void*, void* slot) {
 void IscsiQueue::finish(Slot& s, int status) {
     scsi_task* task = s.task;
     if (!task) return;
-    bool timedOut = false;
     if (!closing_) {
         Outcome& out = *s.out;
         out.senseLen = 0;
@@ -334,11 +332,13 @@ void IscsiQueue::finish(Slot& s, int status) {
             out.status = MQB_ERR_BUSY;
             break;
         case SCSI_STATUS_CANCELLED:
+            // Not cancelled by markLost: libiscsi dropped the connection.
+            if (!lost_) failure_ = "the iSCSI connection to the target was lost";
             out.status = MQB_ERR_TIMEOUT;
             break;
         case SCSI_STATUS_TIMEOUT:
+            failure_ = "no answer from the target within the time-out";
             out.status = MQB_ERR_TIMEOUT;
-            timedOut = true;
             break;
         default:  // RESERVATION CONFLICT, TASK ABORTED, transport errors, ...
             out.status = MQB_ERR_IO;
@@ -355,9 +355,6 @@ void IscsiQueue::finish(Slot& s, int status) {
         done_[size_t((doneHead_ + doneCount_) % depth)] = s.token;
         ++doneCount_;
     }
-    // libiscsi gave up on this command: the rest of the session goes with it,
-    // once libiscsi is out of the scan that called us (pollOnce, commit).
-    if (timedOut) expired_ = true;
 }
 
 #else  // built without libiscsi: a queue can never be opened

@@ -73,7 +73,9 @@ private:
     int outstanding_ = 0;            // submitted and not yet reaped
     bool uncommitted_ = false;
     bool lost_ = false;
-    bool expired_ = false;           // libiscsi timed a command out
+    // Set by a callback when libiscsi gave up on a command (time-out, dropped
+    // connection); the session is marked lost once libiscsi has returned.
+    const char* failure_ = nullptr;
     bool closing_ = false;
     std::string lossReason_;
 };
