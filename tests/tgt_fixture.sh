@@ -21,18 +21,27 @@ iqn=iqn.2026-01.org.kiv.test:lun
 # True when something on 127.0.0.1 accepts connections on port $1.
 port_busy() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
+# True while process $1 runs (a killed tgtd nobody has reaped yet does not).
+alive() {
+    kill -0 "$1" 2>/dev/null || return 1
+    local stat
+    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+    stat=${stat##*) }
+    [ "${stat%% *}" != Z ]
+}
+
 stop_tgtd() {
     [ -f "$dir/env" ] || return 0
     # shellcheck disable=SC1091
     . "$dir/env"
     kill -CONT "$PID" 2>/dev/null
-    if kill -0 "$PID" 2>/dev/null; then
+    if alive "$PID"; then
         # tgtd ignores SIGTERM while it has targets: remove them, then ask it to go.
         timeout 5 tgtadm -C "$CTL" --lld iscsi --op delete --mode target --tid 1 --force >/dev/null 2>&1
         timeout 5 tgtadm -C "$CTL" --op delete --mode system >/dev/null 2>&1
-        for _ in $(seq 30); do kill -0 "$PID" 2>/dev/null || break; sleep 0.1; done
-        kill -0 "$PID" 2>/dev/null && kill -KILL "$PID" 2>/dev/null
-        for _ in $(seq 30); do kill -0 "$PID" 2>/dev/null || break; sleep 0.1; done
+        for _ in $(seq 30); do alive "$PID" || break; sleep 0.1; done
+        alive "$PID" && kill -KILL "$PID" 2>/dev/null
+        for _ in $(seq 30); do alive "$PID" || break; sleep 0.1; done
     fi
     rm -f "$dir/lun.img" "$dir/env" "$dir/tgtd.log"
 }
@@ -55,7 +64,7 @@ start)
             "iscsi://127.0.0.1:$port/$iqn/1" >"$dir/env"
         up=0
         for _ in $(seq 50); do
-            kill -0 "$pid" 2>/dev/null || break
+            alive "$pid" || break
             if port_busy "$port" && tgtadm -C "$ctl" --lld iscsi --op show --mode target >/dev/null 2>&1; then
                 up=1
                 break
