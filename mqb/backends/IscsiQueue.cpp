@@ -209,11 +209,12 @@ int IscsiQueue::commit() {
     if (lost_ || inFlight_ == 0) return MQB_OK;
     // The socket is non-blocking: libiscsi writes what the kernel takes now
     // and keeps the rest for the next service call.
-    if ((iscsi_which_events(ctx_) & POLLOUT) && iscsi_service(ctx_, POLLOUT) < 0) {
+    // A session lost here has ended its commands with -14; reap hands them
+    // back, so the commit itself has nothing to report.
+    if ((iscsi_which_events(ctx_) & POLLOUT) && iscsi_service(ctx_, POLLOUT) < 0)
         markLost(iscsi_get_error(ctx_));
-        return MQB_ERR_TIMEOUT;
-    }
-    if (failure_) markLost(failure_);
+    else if (failure_)
+        markLost(failure_);
     return MQB_OK;
 }
 
