@@ -1,9 +1,10 @@
 // IscsiQueue.cpp: a channel's commands on one iSCSI session. The CDB goes to
 // the target as the loop built it; data-in lands straight in the caller's read
 // buffer and data-out is sent straight from its write buffer (libiscsi's
-// iovector hooks), so nothing is copied per command on our side. libiscsi
-// itself allocates its task and PDU per command. The session is used by one
-// thread at a time, so it needs no lock.
+// iovector hooks), so nothing is copied per command on our side. Each slot
+// keeps its task record from one command to the next and libiscsi takes its
+// PDUs from its own allocation cache, so a command that succeeds allocates
+// nothing. The session is used by one thread at a time, so it needs no lock.
 #include "IscsiQueue.h"
 #include <netdb.h>
 #include <poll.h>
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include "MQBErr.h"
 
@@ -91,7 +93,8 @@ int64_t nowNs() {
 
 struct IscsiQueue::Slot {
     IscsiQueue* owner = nullptr;
-    scsi_task*  task = nullptr;
+    scsi_task*  task = nullptr;  // owned; kept for the slot's next command
+    bool        busy = false;    // a command is with libiscsi
     Outcome*    out = nullptr;
     uint64_t    token = 0;
     int64_t     deadline = 0;
@@ -145,6 +148,7 @@ IscsiQueue::~IscsiQueue() {
         iscsi_logout_sync(ctx_);
     }
     iscsi_destroy_context(ctx_);
+    for (Slot& s : slots_) scsi_free_scsi_task(s.task);
 }
 
 int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
@@ -178,11 +182,20 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     if (len > 0 && buf == nullptr) return out->status = MQB_ERR_RECORD;
     if (len == 0) dir = SCSI_XFER_NONE;
 
-    scsi_task* task = scsi_create_task(cmd.cdbLen, const_cast<uint8_t*>(cmd.cdb), dir, int(len));
-    if (!task) return out->status = MQB_ERR_NO_MEMORY;
-    const int idx = free_[size_t(--nFree_)];
+    const int idx = free_[size_t(nFree_ - 1)];
     Slot& s = slots_[size_t(idx)];
-    s.task = task;
+    // What scsi_create_task does, on the slot's own record: allocated at its
+    // first command (or after libiscsi hung memory of its own on it).
+    if (!s.task) s.task = static_cast<scsi_task*>(std::malloc(sizeof(scsi_task)));
+    if (!s.task) return out->status = MQB_ERR_NO_MEMORY;
+    scsi_task* task = s.task;
+    std::memset(task, 0, sizeof *task);
+    std::memcpy(task->cdb, cmd.cdb, cmd.cdbLen);
+    task->cdb_size = cmd.cdbLen;
+    task->xfer_dir = dir;
+    task->expxferlen = int(len);
+    --nFree_;
+    s.busy = true;
     s.out = out;
     s.token = token;
     s.deadline = nowNs() + timeoutNs_;
@@ -193,9 +206,7 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
         else scsi_task_set_iov_out(task, &s.iov, 1);
     }
     if (iscsi_scsi_command_async(ctx_, lun_, task, onDone, nullptr, &s) != 0) {
-        scsi_free_scsi_task(task);
-        s.task = nullptr;
-        free_[size_t(nFree_++)] = idx;
+        recycle(s);
         return out->status = MQB_ERR_IO;
     }
     ++inFlight_;
@@ -243,7 +254,7 @@ int IscsiQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         // given up: a target that stops answering ends everything in flight.
         int64_t first = INT64_MAX;
         for (const Slot& s : slots_)
-            if (s.task && s.deadline < first) first = s.deadline;
+            if (s.busy && s.deadline < first) first = s.deadline;
         if (first <= now) {
             markLost(("no answer from the target within " + std::to_string(timeoutSec_) + " s")
                          .c_str());
@@ -292,7 +303,21 @@ void IscsiQueue::markLost(const char* why) {
     // Cancelling runs each command's callback, which records -14 for it.
     if (inFlight_ > 0) iscsi_scsi_cancel_all_tasks(ctx_);
     for (Slot& s : slots_)
-        if (s.task) finish(s, SCSI_STATUS_CANCELLED);
+        if (s.busy) finish(s, SCSI_STATUS_CANCELLED);
+}
+
+void IscsiQueue::recycle(Slot& s) {
+    if (s.task->mem) {
+        // libiscsi allocated something onto the record: let it free the lot.
+        scsi_free_scsi_task(s.task);
+        s.task = nullptr;
+    } else {
+        std::free(s.task->datain.data);  // sense of a CHECK CONDITION, if any
+        s.task->datain.data = nullptr;
+    }
+    s.busy = false;
+    s.out = nullptr;
+    free_[size_t(nFree_++)] = int(&s - slots_.data());
 }
 
 void IscsiQueue::onDone(iscsi_context*, int status, void*, void* slot) {
@@ -301,8 +326,8 @@ void IscsiQueue::onDone(iscsi_context*, int status, void*, void* slot) {
 }
 
 void IscsiQueue::finish(Slot& s, int status) {
+    if (!s.busy) return;
     scsi_task* task = s.task;
-    if (!task) return;
     if (!closing_) {
         Outcome& out = *s.out;
         out.senseLen = 0;
@@ -346,11 +371,8 @@ void IscsiQueue::finish(Slot& s, int status) {
             break;
         }
     }
-    scsi_free_scsi_task(task);
-    s.task = nullptr;
-    s.out = nullptr;
+    recycle(s);
     --inFlight_;
-    free_[size_t(nFree_++)] = int(&s - slots_.data());
     if (!closing_) {
         const int depth = int(done_.size());
         done_[size_t((doneHead_ + doneCount_) % depth)] = s.token;

@@ -51,6 +51,9 @@ private:
     // Records `slot`'s outcome (unless the queue is closing), frees its task
     // and hands its token to reap.
     void finish(Slot& slot, int status);
+    // Makes `slot` idle again: frees what libiscsi left on its task record
+    // (or the record itself when libiscsi hung its own memory on it).
+    void recycle(Slot& slot);
     // Waits on the socket up to `waitMs` (0: only look) and lets libiscsi
     // process what came. Marks the session lost when the socket reports the
     // peer gone or libiscsi gives up on it.
