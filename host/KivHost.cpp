@@ -9,6 +9,7 @@
 #include <string>
 
 #include "DeviceTable.h"
+#include "kiv_version.h"
 #include "MQB.h"
 #include "MQBManager.h"
 #include "MqbCommand.h"
@@ -105,5 +106,5 @@ int KivHost::install(Tcl_Interp* interp) {
 
 extern "C" int Kivhost_Init(Tcl_Interp* interp) {
     if (KivHost::install(interp) != TCL_OK) return TCL_ERROR;
-    return Tcl_PkgProvide(interp, "kiv", "1.0");
+    return Tcl_PkgProvide(interp, "kiv", KIV_VERSION);
 }
