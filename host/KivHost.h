@@ -44,4 +44,5 @@ private:
 // Tcl stubs table, installs the host and provides package kiv at the build's
 // version. The one symbol libkivhost.so exports (it is built with hidden
 // visibility).
-extern "C" __attribute__((visibility("default"))) int Kivhost_Init(Tcl_Interp* interp);
+extern "C" __attribute__((visibility("default")))
+int Kivhost_Init(Tcl_Interp* interp);

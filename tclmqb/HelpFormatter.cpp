@@ -87,7 +87,8 @@ namespace Utils {
 // Sets the interpreter result to the help of `name`. Style 1 is the long layout
 // with NAME, USAGE, DESCRIPTION, OPTIONS, NOTES and EXAMPLES sections (absent
 // parts are left out); any other style gives the NAME line and a one-line list
-// of the option names. Returns TCL_OK, or TCL_ERROR when the Tcl stubs cannot be initialised.
+// of the option names. Returns TCL_OK, or TCL_ERROR when the Tcl stubs cannot
+// be initialised.
 int cmdHelpLong(Tcl_Interp* interp, const char* name, const char* usage,
                 const char* summary, const char* description, const char* notes,
                 const char* examples, const char** table, int style) {
