@@ -16,6 +16,7 @@
 #include "MQB.h"
 #include "MQBErr.h"
 #include "MQBManager.h"
+#include "kiv_version.h"
 
 namespace {
 
@@ -505,14 +506,21 @@ int cmdClone(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[])
     return TCL_OK;
 }
 
+int cmdVersion(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc != 2) { Tcl_WrongNumArgs(interp, 2, objv, nullptr); return TCL_ERROR; }
+    Tcl_SetObjResult(interp, Tcl_NewStringObj(KIV_VERSION, -1));
+    return TCL_OK;
+}
+
 }  // namespace
 
 int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static const char* const subs[] = {"add", "buffer", "clone", "close", "current", "devices",
                                        "driver", "fault", "info", "lock", "open", "recvbuffer",
-                                       "reset", "select", "sendbuffer", "stats", "trace", nullptr};
+                                       "reset", "select", "sendbuffer", "stats", "trace", "version",
+                                       nullptr};
     enum { ADD, BUFFER, CLONE, CLOSE, CURRENT, DEVICES, DRIVER, FAULT, INFO, LOCK, OPEN,
-           RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE };
+           RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
     auto* host = static_cast<KivHost*>(clientData);
     if (objc < 2) { Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?"); return TCL_ERROR; }
     int which;
@@ -536,6 +544,7 @@ int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* cons
     case SENDBUFFER: return cmdBufferIndex(host, interp, objc, objv, true);
     case STATS:      return cmdStats(interp, objc, objv);
     case TRACE:      return cmdTrace(interp, objc, objv);
+    case VERSION:    return cmdVersion(interp, objc, objv);
     }
     return TCL_ERROR;
 }

@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+// Everything declared here is part of libMQB.so's exported interface: the host
+// drives the device table through it.
+#pragma GCC visibility push(default)
 namespace mqb {
 
 // A scripted fault of the simulated disk. A rule matches a command of its `op`
@@ -85,3 +88,4 @@ bool reset(int idx);
 void clearAllDevices();
 
 }  // namespace mqb
+#pragma GCC visibility pop

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include "DeviceInfo.h"
+#include "MQBExport.h"
 
 // Command record offsets the library reads from and writes to. The record is the
 // 112-byte, packed, little-endian layout the extension fills (see CDBStruct).
@@ -42,7 +43,7 @@ enum MQBInfo {
     MQB_INFO_CDB   = 203,  // receiveInfo(203, 2, unsigned char* cdb, int* length)
 };
 
-class MQB {
+class MQB_API MQB {
 public:
     // A channel of driver type `driver` (the text infoString puts before ':'),
     // with no device selected.
@@ -84,7 +85,7 @@ private:
 };
 
 // Creates a channel of driver type `name`; null for an empty or null name.
-MQB* createMQB(const char* name, int, int, int);
+MQB_API MQB* createMQB(const char* name, int, int, int);
 // Destroys a channel made by createMQB or the clone ioctl; commands still in
 // flight are completed and dropped first.
-void deleteMQB(MQB* mqb);
+MQB_API void deleteMQB(MQB* mqb);

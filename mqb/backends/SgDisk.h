@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include "Backend.h"
+#include "MQBExport.h"
 
 namespace mqb {
 
@@ -14,8 +15,8 @@ namespace mqb {
 // with sense -> -16 and the sense bytes (at most kMaxSense, read from h.sbp);
 // a host or driver time-out -> -14; BUSY or TASK SET FULL -> -15; anything
 // else (other host/driver errors, other statuses, CHECK CONDITION without
-// sense) -> -12. Pure: no device needed.
-void mapSgResult(const sg_io_hdr_t& h, Outcome& out);
+// sense) -> -12. Pure: no device needed. Exported for its unit test.
+MQB_API void mapSgResult(const sg_io_hdr_t& h, Outcome& out);
 
 class SgDisk : public Backend {
 public:
