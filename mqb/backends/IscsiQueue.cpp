@@ -111,6 +111,23 @@ IscsiQueue::IscsiQueue(iscsi_context* ctx, const IscsiTarget& target, int depth)
     }
 }
 
+// Keeps the process's rand() sequence where it was while libiscsi makes and
+// logs in a session: libiscsi reseeds rand() and draws from it there, and the
+// exerciser's loops draw their LBAs, lengths and commands from that same
+// generator. For the object's life, rand() runs on a state of its own; the
+// caller's state is put back untouched when it goes.
+class RandStateGuard {
+public:
+    RandStateGuard() : saved_(initstate(1, scratch_, sizeof scratch_)) {}
+    ~RandStateGuard() { setstate(saved_); }
+    RandStateGuard(const RandStateGuard&) = delete;
+    RandStateGuard& operator=(const RandStateGuard&) = delete;
+
+private:
+    char  scratch_[128];
+    char* saved_;
+};
+
 std::unique_ptr<IscsiQueue> IscsiQueue::open(const IscsiTarget& target, int depth,
                                              std::string& err) {
     if (depth < 1 || depth > kMaxDepth) {
@@ -118,6 +135,7 @@ std::unique_ptr<IscsiQueue> IscsiQueue::open(const IscsiTarget& target, int dept
         return nullptr;
     }
     if (!probePortal(target, err)) return nullptr;
+    RandStateGuard keepRand;
     iscsi_context* ctx = iscsi_create_context(kInitiatorName);
     if (!ctx) {
         err = "cannot create an iSCSI context";

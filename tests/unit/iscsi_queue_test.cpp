@@ -247,6 +247,27 @@ TEST_F(IscsiLun, PastTheEndGivesTheTargetsSense) {
     EXPECT_EQ(ok.out.status, 0);
 }
 
+// The loops draw their commands from the process's rand(); opening a session
+// and running commands on it must leave that sequence where it was.
+TEST_F(IscsiLun, LeavesTheProcessRandomSequenceAlone) {
+    srand(4242);
+    std::vector<int> expected(8);
+    for (int& v : expected) v = rand();
+    srand(4242);
+    std::vector<int> got(8);
+    got[0] = rand();
+    {
+        auto q = disk_->openQueue(4);
+        ASSERT_NE(q, nullptr);
+        Bytes data(kBs);
+        Cmd read(READ10, 0, 1, &data);
+        ASSERT_EQ(q->submit(read.c, &read.out, 1), 0);
+        EXPECT_EQ(reapAll(*q, 1).size(), 1u);
+    }
+    for (size_t i = 1; i < got.size(); ++i) got[i] = rand();
+    EXPECT_EQ(got, expected);
+}
+
 // Each test below ends its own target.
 TEST(IscsiLoss, KilledTargetEndsEveryCommandWithATimeoutAtOnce) {
 #if MQB_TEST_NO_ISCSI
