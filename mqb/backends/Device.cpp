@@ -1,4 +1,4 @@
-// Device.cpp: what every device of the table does on top of its backend:
+// Device.cpp: what every device of the table does in front of its backend:
 // counters, the command trace and the scripted fault rules.
 #include "Device.h"
 #include "MQBErr.h"
@@ -11,10 +11,10 @@ constexpr uint64_t kDefaultTraceLimit = 1000000;
 // The fault-rule kind of a data command; false for anything else.
 bool opKind(uint8_t opcode, FaultRule::Op& op) {
     switch (opcode) {
-    case 0x28: op = FaultRule::Op::Read; return true;
-    case 0x2A: op = FaultRule::Op::Write; return true;
-    case 0x2E: op = FaultRule::Op::Wrv; return true;
-    case 0x2F: op = FaultRule::Op::Verify; return true;
+    case scsi::kRead10: op = FaultRule::Op::Read; return true;
+    case scsi::kWrite10: op = FaultRule::Op::Write; return true;
+    case scsi::kWriteVerify10: op = FaultRule::Op::Wrv; return true;
+    case scsi::kVerify10: op = FaultRule::Op::Verify; return true;
     default: return false;
     }
 }
@@ -23,13 +23,13 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 Device::Device(std::string spec, std::unique_ptr<Backend> backend)
     : spec_(std::move(spec)), backend_(std::move(backend)) {}
 
-bool Device::submit(const Command& c, uint32_t tag, Outcome& out, IoRequest* io) {
+Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out) {
     bump(commands_);
     switch (c.opcode) {
-    case 0x28: bump(reads_); bump(blocksRead_, c.tl); break;
-    case 0x2A: bump(writes_); bump(blocksWritten_, c.tl); break;
-    case 0x2E: bump(wrvs_); bump(blocksWritten_, c.tl); break;
-    case 0x2F: bump(verifies_); break;
+    case scsi::kRead10: bump(reads_); bump(blocksRead_, c.tl); break;
+    case scsi::kWrite10: bump(writes_); bump(blocksWritten_, c.tl); break;
+    case scsi::kWriteVerify10: bump(wrvs_); bump(blocksWritten_, c.tl); break;
+    case scsi::kVerify10: bump(verifies_); break;
     default: bump(other_); break;
     }
     if (slowPath_.load(std::memory_order_acquire)) {
@@ -39,17 +39,10 @@ bool Device::submit(const Command& c, uint32_t tag, Outcome& out, IoRequest* io)
         bool refused = false;
         if (applyFaults(c, out, refused)) {
             bump(errors_);
-            return !refused;
+            return refused ? Admit::Refused : Admit::Answered;
         }
     }
-    if (io && backend_->prepareAsync(c, *io)) {
-        out.status = MQB_OK;
-        out.senseLen = 0;
-        return true;
-    }
-    backend_->execute(c, out);
-    if (out.status != MQB_OK) bump(errors_);
-    return true;
+    return Admit::Pass;
 }
 
 // Finds the first rule that fires for this command and writes its outcome.
@@ -72,8 +65,8 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused) {
         case FaultRule::Kind::Check:
         case FaultRule::Kind::Refuse: {
             const uint64_t info = first > r.lbaLo ? first : r.lbaLo;
-            buildFixedSense(out, r.key, r.asc, r.ascq, r.hasUec, r.uec, r.info,
-                            info > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(info));
+            buildFixedSense(out, r.key, scsi::Asc{r.asc, r.ascq}, r.info, info, r.uec,
+                            r.senseLen);
             refused = r.kind == FaultRule::Kind::Refuse;
             break;
         }
@@ -89,8 +82,8 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused) {
     return false;
 }
 
-void Device::enter() {
-    const uint64_t now = inFlight_.fetch_add(1, std::memory_order_relaxed) + 1;
+void Device::enter(uint64_t n) {
+    const uint64_t now = inFlight_.fetch_add(n, std::memory_order_relaxed) + n;
     uint64_t peak = maxOutstanding_.load(std::memory_order_relaxed);
     while (now > peak &&
            !maxOutstanding_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {

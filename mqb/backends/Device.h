@@ -17,20 +17,24 @@ class Device {
 public:
     Device(std::string spec, std::unique_ptr<Backend> backend);
 
-    // Takes one command in: counts it, traces it, applies the first fault rule
-    // that fires, otherwise lets the backend carry it out into `out`. Returns
-    // false when the command is refused (out then holds the -16 and its
-    // sense); true when it was accepted and `out` is its completion. With no
-    // trace and no faults it takes no lock and does not allocate. Given `io`,
-    // a command the backend can run asynchronously is not executed: `io`
-    // describes its I/O, `out` is left good, and the caller carries it out.
-    bool submit(const Command& cmd, uint32_t tag, Outcome& out, IoRequest* io = nullptr);
-    // Counts an error found after submit() (a failed asynchronous I/O).
+    // What admit() decided about a command.
+    enum class Admit {
+        Pass,      // goes on to the backend's queue
+        Answered,  // a fault rule answered it: `out` is its completion
+        Refused,   // the send is refused: `out` holds the status and sense
+    };
+
+    // Takes one command in, in front of every backend: counts it, traces it
+    // and applies the first fault rule that fires. With no trace and no
+    // faults it takes no lock and does not allocate.
+    Admit admit(const Command& cmd, uint32_t tag, Outcome& out);
+    // Counts a command the backend completed with an error.
     void noteError() { bump(errors_); }
 
-    // Bookkeeping of commands in flight across every channel, for the peak.
-    void enter();
-    void leave() { inFlight_.fetch_sub(1, std::memory_order_relaxed); }
+    // Bookkeeping of commands at the device (handed to it and not yet
+    // collected back) across every channel, for the peak.
+    void enter(uint64_t n);
+    void leave(uint64_t n) { inFlight_.fetch_sub(n, std::memory_order_relaxed); }
 
     Backend& backend() { return *backend_; }
     const std::string& spec() const { return spec_; }

@@ -54,6 +54,7 @@ TEST_F(FileDev, KeepsTheQueueDepthInFlightAndMovesRealData) {
         ASSERT_EQ(send(*m, WRITE10, uint32_t(i * 100), kTl, uint32_t(i + 1), &out[i]), 0);
     }
     mqb::DeviceStats st;
+    m->commit();
     ASSERT_TRUE(mqb::stats(idx, st));
     EXPECT_EQ(st.maxOutstanding, uint64_t(kDepth));
     for (const uint8_t op : {WRITE10, READ10}) {
@@ -71,7 +72,9 @@ TEST_F(FileDev, KeepsTheQueueDepthInFlightAndMovesRealData) {
 }
 
 TEST_F(FileDev, RangeErrorsAreSynchronousAndEofIsAMediumError) {
-    Bytes buf(kTl * 512), range{0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x21, 0, 0, 0, 0, 0};
+    Bytes buf(kTl * 512), range(32, 0), medium(32, 0);
+    range[0] = 0x70, range[2] = 5, range[7] = 24, range[12] = 0x21;
+    medium[0] = 0xF0, medium[2] = 3, medium[6] = 100, medium[7] = 24, medium[12] = 0x11;  // INFORMATION 100
     ASSERT_EQ(send(*m, WRITE10, 7, kTl, 1, &buf), 0);
     ASSERT_EQ(send(*m, READ10, kBlocks - 2, 4, 2, &buf), 0);
     ASSERT_EQ(send(*m, VERIFY10, 0, 2048, 3), 0);  // larger than one scratch read
@@ -85,7 +88,7 @@ TEST_F(FileDev, RangeErrorsAreSynchronousAndEofIsAMediumError) {
     ASSERT_EQ(ftruncate(fd, 16 * 512), 0);  // the device still says 4096 blocks
     ASSERT_EQ(send(*m, READ10, 100, kTl, 4, &buf), 0);
     EXPECT_EQ(m->receive(), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(*m), (Bytes{0x70, 0, 3, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x11, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(lastSense(*m), medium);
     if (!uringUp()) GTEST_SKIP() << "no io_uring: every command completed in send()";
     EXPECT_EQ(order[0], 2) << "the range error completes in send(), ahead of the I/O";
 }

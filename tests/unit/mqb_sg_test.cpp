@@ -7,7 +7,7 @@
 #include "DeviceTable.h"
 #include "MQBErr.h"
 #include "TestSupport.h"
-#include "backends/SgDisk.h"
+#include "backends/SgQueue.h"
 
 namespace {
 struct Case { const char* what; uint8_t status, masked; uint16_t host, driver; uint8_t senseWr; int want; };
@@ -17,7 +17,8 @@ TEST(SgMap, StatusHostAndDriverCodes) {
         {"good", 0x00, 0, 0, 0, 0, MQB_OK},
         {"check, 18 bytes of sense", 0x02, 0x01, 0, 0x08, 18, MQB_ERR_CHECK},
         {"check via masked_status only", 0x00, 0x01, 0, 0x08, 32, MQB_ERR_CHECK},
-        {"check, sense clamped to 32", 0x02, 0x01, 0, 0x08, 40, MQB_ERR_CHECK},
+        {"check, 96 bytes of descriptor sense", 0x02, 0x01, 0, 0x08, 96, MQB_ERR_CHECK},
+        {"check, sense clamped to 252", 0x02, 0x01, 0, 0x08, 255, MQB_ERR_CHECK},
         {"check without sense", 0x02, 0x01, 0, 0, 0, MQB_ERR_IO},
         {"host DID_TIME_OUT", 0x00, 0, 0x03, 0, 0, MQB_ERR_TIMEOUT},
         {"driver timeout (with suggestion bits)", 0x00, 0, 0, 0x26, 0, MQB_ERR_TIMEOUT},
@@ -28,18 +29,18 @@ TEST(SgMap, StatusHostAndDriverCodes) {
         {"host DID_NO_CONNECT despite check", 0x02, 0x01, 0x01, 0x08, 18, MQB_ERR_IO},
         {"driver error", 0x00, 0, 0, 0x04, 0, MQB_ERR_IO},
     };
-    uint8_t sense[64];
-    for (int i = 0; i < 64; ++i) sense[i] = uint8_t(0x70 + i);
+    uint8_t sense[255];
+    for (int i = 0; i < 255; ++i) sense[i] = uint8_t(0x70 + i);
     for (const Case& k : cases) {
         sg_io_hdr_t h;
         std::memset(&h, 0, sizeof h);
         h.status = k.status, h.masked_status = k.masked, h.host_status = k.host;
-        h.driver_status = k.driver, h.sb_len_wr = k.senseWr, h.sbp = sense, h.mx_sb_len = 64;
+        h.driver_status = k.driver, h.sb_len_wr = k.senseWr, h.sbp = sense, h.mx_sb_len = 255;
         mqb::Outcome out;
         out.status = 1, out.senseLen = 7;  // stale values must not survive
         mqb::mapSgResult(h, out);
         EXPECT_EQ(out.status, k.want) << k.what;
-        const unsigned wantLen = k.want == MQB_ERR_CHECK ? std::min<unsigned>(k.senseWr, 32) : 0;
+        const unsigned wantLen = k.want == MQB_ERR_CHECK ? std::min<unsigned>(k.senseWr, 252) : 0;
         ASSERT_EQ(out.senseLen, wantLen) << k.what;
         EXPECT_EQ(std::memcmp(out.sense, sense, wantLen), 0) << k.what;
     }

@@ -51,8 +51,11 @@ Bytes lastSense(MQB& m) {
     EXPECT_EQ(m.errInfo(MQB_INFO_SENSE, 3, buf, &size, &length), 0);
     return Bytes(buf, buf + (length > 0 ? length : 0));
 }
+// 32-byte fixed sense, UEC 0: what the simulated disk answers unless told otherwise.
 Bytes fixedSense(uint8_t key, uint8_t asc, uint8_t ascq) {
-    return {0x70, 0, key, 0, 0, 0, 0, 10, 0, 0, 0, 0, asc, ascq, 0, 0, 0, 0};
+    Bytes s(32, 0);
+    s[0] = 0x70, s[2] = key, s[7] = 24, s[12] = asc, s[13] = ascq;
+    return s;
 }
 Rule rule(Rule::Kind kind, Rule::Op op = Rule::Op::Any, uint64_t lo = 0, uint64_t hi = UINT64_MAX, int status = 0) {
     Rule r;
@@ -170,6 +173,8 @@ TEST_F(Sim, CountersPeakOutstandingAndQueueFull) {
     for (int i = 0; i < 256; ++i) ASSERT_EQ(send(m, rec(READ10, 0, 1, i)), 0) << i;
     EXPECT_EQ(send(m, rec(READ10, 0, 1)), MQB_ERR_QUEUE_FULL);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(send(other, rec(READ10, 0, 1)), 0);
+    EXPECT_EQ(r.stats().maxOutstanding, 1u) << "sent is not yet at the device";
+    m.commit(), other.commit();
     while (m.receive() == 0 || other.receive() == 0) {}
     EXPECT_EQ(r.stats().maxOutstanding, 259u);
 }
@@ -267,6 +272,8 @@ TEST_F(Sim, TwoThreadsHammerOneDeviceOnItsLockedFaultPath) {
 
 TEST_F(Sim, SendAndReceiveDoNotAllocate) {
     CDBStruct recs[4] = {rec(READ10, 1, 8), rec(WRITE10, 2, 8), rec(READ10, 2000, 1), rec(VERIFY10, 3, 1)};
+    ASSERT_EQ(roundTrip(m, recs[0]), 0);  // the first command opens the channel's queue
+    mqb::reset(r.idx);
     g_countAllocs = true;
     for (int i = 0; i < 1000; ++i) {
         for (CDBStruct& c : recs) m.send(reinterpret_cast<unsigned char*>(&c));
