@@ -114,15 +114,15 @@ struct MQB::Impl {
 };
 
 namespace {
-// Hands a lane's uncommitted commands to its device; from now on they count
-// as at the device.
-void commitLane(MQB::Impl& m, Lane& l) {
+// Counts a lane's uncommitted commands as at the device, and hands them to
+// it unless the caller is about to reap (a reap commits by itself).
+void commitLane(MQB::Impl& m, Lane& l, bool reapFollows) {
     if (l.uncommitted == 0) return;
     l.device->enter(uint64_t(l.uncommitted));
     l.atDevice += l.uncommitted;
     m.uncommitted -= l.uncommitted;
     l.uncommitted = 0;
-    l.queue->commit();  // a failed commit is retried by the next commit or reap
+    if (!reapFollows) l.queue->commit();  // a failed commit is retried by the next commit or reap
 }
 }  // namespace
 
@@ -141,13 +141,13 @@ Lane* MQB::Impl::laneOf(mqb::Device* d) {
 }
 
 void MQB::Impl::commitAll() {
-    for (auto& l : lanes) commitLane(*this, *l);
+    for (auto& l : lanes) commitLane(*this, *l, false);
 }
 
 // Reaps what lane `l` has finished (at least `min`, waiting up to
 // `timeoutNs`) onto the ready ring.
 void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
-    commitLane(*this, l);  // reap commits; count them at the device first
+    commitLane(*this, l, true);
     const int n = l.queue->reap(tokens, min, kQueueCap, timeoutNs);
     if (n < 0) {
         failLane(l, n);
@@ -186,18 +186,18 @@ int MQB::Impl::collect() {
     Lane* busy = nullptr;
     int nBusy = 0;
     for (auto& l : lanes)
-        if (l->queue->outstanding() > 0) busy = l.get(), ++nBusy;
+        if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
     if (nBusy == 1) {
         reapLane(*busy, 1, -1);
         return readyCount > 0 ? MQB_OK : MQB_ERR_IO;
     }
     while (readyCount == 0 && nBusy > 0) {
         for (auto& l : lanes)
-            if (l->queue->outstanding() > 0) reapLane(*l, 0, 0);
+            if (l->atDevice + l->uncommitted > 0) reapLane(*l, 0, 0);
         if (readyCount > 0) break;
         nBusy = 0;
         for (auto& l : lanes) {
-            if (l->queue->outstanding() == 0) continue;
+            if (l->atDevice + l->uncommitted == 0) continue;
             ++nBusy;
             reapLane(*l, 1, kPollNs);
             if (readyCount > 0) break;
