@@ -283,3 +283,43 @@ TEST_F(Sim, SendAndReceiveDoNotAllocate) {
     EXPECT_EQ(g_allocs.load(), 0);
     EXPECT_EQ(r.stats().errors, 1000u) << "the failing path was taken too";
 }
+
+TEST(SimStore, FullStoreFailsWritesLikeAThinDiskAndKeepsWhatItHas) {
+    // 256-block chunks of 512 bytes: a 300 KiB cap holds two of them.
+    Rig r("sim:blocks=4294967296,store=1,storemax=307200");
+    Bytes a(512, 0xA1), b(512, 0xB2), in(512);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 10, 1, 0, &a)), 0);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 0xFFFFFF00, 1, 0, &b)), 0);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 300, 1, 0, &a)), MQB_ERR_CHECK) << "a third chunk passes the cap";
+    Bytes full = fixedSense(0x07, 0x27, 0x07);
+    full[0] = 0xF0, full[5] = 0x01, full[6] = 0x2C;  // INFORMATION 300
+    EXPECT_EQ(lastSense(*r.m), full);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 11, 1, 0, &b)), 0) << "an allocated chunk still takes writes";
+    for (auto [lba, want] : {std::pair<uint32_t, Bytes*>{10, &a}, {0xFFFFFF00, &b}, {11, &b}}) {
+        ASSERT_EQ(roundTrip(*r.m, rec(READ10, lba, 1, 0, &in)), 0);
+        EXPECT_EQ(in, *want) << lba;
+    }
+    std::string err;
+    EXPECT_EQ(mqb::addDevice("sim:storemax=lots", err), -1);
+    EXPECT_EQ(err, "bad value \"lots\" for device spec key \"storemax\"");
+}
+
+// Two threads read two stored disks into one buffer at once, as the
+// extension's loops do with their shared read buffer. ThreadSanitizer
+// builds check that the copies are not a data race.
+TEST(SimStore, ThreadsReadingIntoOneSharedBuffer) {
+    Rig a("sim:blocks=1000,store=1"), b("sim:blocks=1000,store=1");
+    Bytes fillA(8 * 512, 0x11), fillB(8 * 512, 0x22), shared(8 * 512 + 3);
+    ASSERT_EQ(roundTrip(*a.m, rec(WRITE10, 0, 8, 0, &fillA)), 0);
+    ASSERT_EQ(roundTrip(*b.m, rec(WRITE10, 0, 8, 0, &fillB)), 0);
+    std::atomic<int> failures{0};
+    auto reader = [&](Rig& r, int off) {
+        CDBStruct c = rec(READ10, 0, 8, 0, &shared);
+        c.readBuf = shared.data() + off, c.readLen = 8 * 512;  // unaligned for one of them
+        for (int i = 0; i < 2000; ++i) failures += roundTrip(*r.m, c) != 0;
+    };
+    std::thread t1(reader, std::ref(a), 0), t2(reader, std::ref(b), 3);
+    t1.join(), t2.join();
+    EXPECT_EQ(failures.load(), 0);
+    for (size_t i = 0; i < shared.size(); ++i) ASSERT_TRUE(shared[i] == 0x11 || shared[i] == 0x22) << i;
+}
