@@ -22,8 +22,20 @@
 #include "FileDisk.h"
 #include "MQBErr.h"
 #include "RelaxedCopy.h"
+#if MQB_HAVE_URING
+#include <liburing.h>
+#endif
 
 namespace mqb {
+
+#if MQB_HAVE_URING
+struct FileQueue::Ring {
+    io_uring ring{};
+    int withKernel = 0;  // ops with an SQE prepared or submitted, CQE not seen
+};
+#else
+struct FileQueue::Ring {};
+#endif
 
 namespace {
 bool aligned(const void* p, uint64_t len, uint32_t a) {
@@ -31,7 +43,7 @@ bool aligned(const void* p, uint64_t len, uint32_t a) {
 }
 }  // namespace
 
-FileQueue::FileQueue(FileDisk& disk, int depth)
+FileQueue::FileQueue(FileDisk& disk, int depth, bool useRing)
     : disk_(disk), cap_(depth > 0 ? depth : 1), bs_(disk.blockSize()),
       ops_(new Op[size_t(cap_)]), free_(new int[size_t(cap_)]), nFree_(cap_),
       done_(new int[size_t(cap_)]) {
@@ -39,23 +51,30 @@ FileQueue::FileQueue(FileDisk& disk, int depth)
 #if MQB_HAVE_URING
     // One SQE per op is all the queue ever needs: an op has one transfer in
     // flight at a time.
-    ringUp_ = io_uring_queue_init(unsigned(cap_), &ring_, 0) == 0;
+    if (useRing) {
+        ring_ = std::make_unique<Ring>();
+        ringUp_ = io_uring_queue_init(unsigned(cap_), &ring_->ring, 0) == 0;
+        if (!ringUp_) ring_.reset();
+    }
+#else
+    (void)useRing;
 #endif
 }
 
 FileQueue::~FileQueue() {
 #if MQB_HAVE_URING
     if (!ringUp_) return;
-    io_uring_submit(&ring_);
-    while (withKernel_ > 0) {
+    io_uring* r = &ring_->ring;
+    io_uring_submit(r);
+    while (ring_->withKernel > 0) {
         io_uring_cqe* cqe = nullptr;
-        const int rc = io_uring_wait_cqe(&ring_, &cqe);
+        const int rc = io_uring_wait_cqe(r, &cqe);
         if (rc == -EINTR) continue;
         if (rc < 0) break;
-        io_uring_cqe_seen(&ring_, cqe);
-        --withKernel_;
+        io_uring_cqe_seen(r, cqe);
+        --ring_->withKernel;
     }
-    io_uring_queue_exit(&ring_);
+    io_uring_queue_exit(r);
 #endif
 }
 
@@ -245,10 +264,11 @@ int FileQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
 #if MQB_HAVE_URING
 // Prepares the SQE of op i's current transfer; the next submit hands it over.
 void FileQueue::queueIo(int i) {
-    io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
+    io_uring* r = &ring_->ring;
+    io_uring_sqe* sqe = io_uring_get_sqe(r);
     if (!sqe) {  // cannot happen with one SQE per op, but never drop a transfer
-        io_uring_submit(&ring_);
-        sqe = io_uring_get_sqe(&ring_);
+        io_uring_submit(r);
+        sqe = io_uring_get_sqe(r);
     }
     const Io& io = ops_[i].io;
     // A piece larger than one SQE moves is continued by advance().
@@ -258,37 +278,38 @@ void FileQueue::queueIo(int i) {
     else
         io_uring_prep_read(sqe, io.fd, io.buf, len, io.off);
     io_uring_sqe_set_data64(sqe, uint64_t(i));
-    ++withKernel_;
+    ++ring_->withKernel;
 }
 
 // Takes every CQE the kernel has: continues the ops that have more to move,
-// finishes the rest. Returns the number of CQEs taken.
-int FileQueue::takeCqes() {
+// finishes the rest.
+void FileQueue::takeCqes() {
+    io_uring* r = &ring_->ring;
     io_uring_cqe* cqes[32];
-    int taken = 0;
     for (;;) {
-        const unsigned n = io_uring_peek_batch_cqe(&ring_, cqes, 32);
+        const unsigned n = io_uring_peek_batch_cqe(r, cqes, 32);
         if (n == 0) break;
         for (unsigned k = 0; k < n; ++k) {
             const int i = int(io_uring_cqe_get_data64(cqes[k]));
             const int res = cqes[k]->res;
-            --withKernel_;
+            --ring_->withKernel;
             if (advance(ops_[i], res))
                 queueIo(i);
             else
                 finish(i);
         }
-        io_uring_cq_advance(&ring_, n);
-        taken += int(n);
+        io_uring_cq_advance(r, n);
     }
-    return taken;
 }
+#else
+void FileQueue::queueIo(int) {}
+void FileQueue::takeCqes() {}
 #endif
 
 int FileQueue::commit() {
 #if MQB_HAVE_URING
     if (ringUp_) {
-        const int rc = io_uring_submit(&ring_);
+        const int rc = io_uring_submit(&ring_->ring);
         return rc < 0 && rc != -EBUSY && rc != -EAGAIN && rc != -EINTR ? MQB_ERR_IO : MQB_OK;
     }
 #endif
@@ -299,17 +320,18 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     if (min > max) min = max;
 #if MQB_HAVE_URING
     if (ringUp_) {
+        io_uring* r = &ring_->ring;
         takeCqes();
-        while (doneCount_ < min && withKernel_ > 0) {
+        while (doneCount_ < min && ring_->withKernel > 0) {
             io_uring_cqe* cqe = nullptr;
             int rc;
             if (timeoutNs < 0) {
-                rc = io_uring_submit_and_wait(&ring_, 1);
+                rc = io_uring_submit_and_wait(r, 1);
             } else {
                 __kernel_timespec ts{};
                 ts.tv_sec = timeoutNs / 1000000000;
                 ts.tv_nsec = timeoutNs % 1000000000;
-                rc = io_uring_submit_and_wait_timeout(&ring_, &cqe, 1, &ts, nullptr);
+                rc = io_uring_submit_and_wait_timeout(r, &cqe, 1, &ts, nullptr);
                 if (rc == -ETIME) {
                     takeCqes();
                     break;
@@ -324,7 +346,7 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         }
         // Continuations queued while taking completions go to the kernel now,
         // so a command never waits for the channel's next batch.
-        if (io_uring_sq_ready(&ring_) > 0) io_uring_submit(&ring_);
+        if (io_uring_sq_ready(r) > 0) io_uring_submit(r);
     }
 #endif
     (void)timeoutNs;

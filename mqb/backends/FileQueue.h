@@ -6,9 +6,6 @@
 #include <cstdint>
 #include <memory>
 #include "Queue.h"
-#if MQB_HAVE_URING
-#include <liburing.h>
-#endif
 
 namespace mqb {
 
@@ -16,7 +13,9 @@ class FileDisk;
 
 class FileQueue : public Queue {
 public:
-    FileQueue(FileDisk& disk, int depth);
+    // With `useRing` false (or when the kernel refuses a ring) every command
+    // runs synchronously inside submit().
+    FileQueue(FileDisk& disk, int depth, bool useRing = true);
     // Waits until the kernel is done with every buffer it was given.
     ~FileQueue() override;
     FileQueue(const FileQueue&) = delete;
@@ -85,13 +84,13 @@ private:
     int nFree_;
     std::unique_ptr<int[]> done_;  // finished ops not yet reaped, oldest first
     int doneHead_ = 0, doneCount_ = 0;
+    // The io_uring, when there is one (kept out of this header so that the
+    // layout does not depend on how liburing was found).
+    struct Ring;
+    std::unique_ptr<Ring> ring_;
     bool ringUp_ = false;
-#if MQB_HAVE_URING
     void queueIo(int i);
-    int  takeCqes();
-    io_uring ring_{};
-    int withKernel_ = 0;  // ops with an SQE prepared or submitted, CQE not seen
-#endif
+    void takeCqes();
 };
 
 }  // namespace mqb

@@ -15,6 +15,8 @@
 #include "DeviceTable.h"
 #include "MQB.h"
 #include "MQBErr.h"
+#include "backends/FileDisk.h"
+#include "backends/FileQueue.h"
 #include "loop_harness.h"
 
 namespace {
@@ -249,4 +251,37 @@ TEST(LoopDev, BlockDeviceGeometryDataAndCompare) {
     ASSERT_GE(idx, 0) << err;
     EXPECT_EQ(std::make_pair(s.blockSize, s.blocks), std::make_pair(4096u, uint64_t(2047))) << s.blockSize;
     EXPECT_TRUE(s.direct);
+}
+
+// Without io_uring every command runs inside submit(), with the same answers.
+TEST_F(FileDev, SynchronousFallbackGivesTheSameAnswers) {
+    std::string err;
+    std::unique_ptr<mqb::Backend> be = mqb::FileDisk::open(path, err);
+    ASSERT_TRUE(be) << err;
+    mqb::FileQueue q(static_cast<mqb::FileDisk&>(*be), 4, false);
+    ASSERT_FALSE(q.async());
+    Bytes data = pattern(20 * 512, 1), back(20 * 512 + 1), bad(data);
+    bad[7 * 512] ^= 1;
+    uint8_t cdb[5][10] = {{WRITE10}, {READ10}, {VERIFY10, BYTCHK}, {READ10}, {WRV10, BYTCHK}};
+    const uint32_t lbas[5] = {50, 50, 50, kBlocks - 1, 50};
+    mqb::Outcome out[5];
+    for (int i = 0; i < 5; ++i) {
+        mqb::Command c;
+        c.cdb = cdb[i], c.cdbLen = 10, c.opcode = cdb[i][0], c.lba = lbas[i], c.tl = 20;
+        if (i == 1 || i == 3) {
+            c.readBuf = back.data() + 1, c.readLen = 20 * 512;
+        } else {
+            c.writeBuf = i == 2 ? bad.data() : data.data(), c.writeLen = 20 * 512;
+        }
+        ASSERT_EQ(q.submit(c, &out[i], uint64_t(i)), 0);
+        EXPECT_EQ(q.outstanding(), 1) << "done in submit, kept until reaped";
+        uint64_t t = 99;
+        ASSERT_EQ(q.reap(&t, 1, 1, 0), 1);
+        EXPECT_EQ(t, uint64_t(i));
+    }
+    EXPECT_EQ(Bytes(back.begin() + 1, back.end()), data);
+    EXPECT_EQ((std::vector<int>{out[0].status, out[1].status, out[2].status, out[3].status, out[4].status}),
+              (std::vector<int>{0, 0, MQB_ERR_CHECK, MQB_ERR_CHECK, 0}));
+    EXPECT_EQ(Bytes(out[2].sense, out[2].sense + out[2].senseLen), sense(0x0E, 0x1D, 57));
+    EXPECT_EQ(Bytes(out[3].sense, out[3].sense + out[3].senseLen), sense(5, 0x21));
 }
