@@ -54,6 +54,7 @@ struct Slot {
     mqb::Device* dev;
     Lane*        lane;  // the queue holding the command; null once it left it
     bool         fromQueue;  // completed by the backend, not by the device's front
+    mqb::ChannelCounters* counters;  // the channel's counters on `dev`
     uint32_t     tag;
     uint8_t      opcode;
     uint8_t      cdbLen;
@@ -64,6 +65,7 @@ struct Slot {
 // The channel's queue to one device, with the commands the device holds.
 struct Lane {
     mqb::Device*                device;
+    mqb::ChannelCounters*       counters;  // this channel's counters on the device
     std::unique_ptr<mqb::Queue> queue;
     int                         uncommitted = 0;  // submitted since the last commit
     int                         atDevice = 0;     // committed and not yet reaped
@@ -135,6 +137,7 @@ Lane* MQB::Impl::laneOf(mqb::Device* d) {
     if (!q) return nullptr;
     auto l = std::make_unique<Lane>();
     l->device = d;
+    l->counters = d->attachChannel();
     l->queue = std::move(q);
     lanes.push_back(std::move(l));
     return lanes.back().get();
@@ -212,7 +215,11 @@ MQB::MQB(const std::string& driver) : impl_(std::make_unique<Impl>(driver)) {}
 // are no longer outstanding. Each queue waits, as it closes, until its
 // transport is done with the callers' buffers.
 MQB::~MQB() {
-    for (auto& l : impl_->lanes) l->device->leave(uint64_t(l->atDevice));
+    for (auto& l : impl_->lanes) {
+        l->device->leave(uint64_t(l->atDevice));
+        l->queue.reset();  // done with the callers' buffers before the counters go back
+        l->device->detachChannel(l->counters);
+    }
 }
 
 // A device that does not exist is not locked: the caller finds out when it
@@ -362,7 +369,10 @@ int MQB::send(unsigned char* record) {
     c.writeBuf = ldPtr<const uint8_t>(record + mqbrec::kWriteBuf);
     c.writeLen = ld64(record + mqbrec::kWriteLen);
 
-    switch (d->admit(c, s.tag, s.out)) {
+    Lane* l = m.lane;
+    if (!l && !(l = m.lane = m.laneOf(d))) return MQB_ERR_NO_MEMORY;
+    s.counters = l->counters;
+    switch (d->admit(c, s.tag, s.out, *l->counters)) {
     case mqb::Device::Admit::Refused:
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
@@ -374,8 +384,6 @@ int MQB::send(unsigned char* record) {
     case mqb::Device::Admit::Pass:
         break;
     }
-    Lane* l = m.lane;
-    if (!l && !(l = m.lane = m.laneOf(d))) return MQB_ERR_NO_MEMORY;
     const int rc = l->queue->submit(c, &s.out, uint64_t(idx));
     if (rc != MQB_OK) {
         // Not accepted: nothing is queued; the queue may have left sense.
@@ -383,7 +391,7 @@ int MQB::send(unsigned char* record) {
             m.senseLen = s.out.senseLen;
             std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         }
-        d->noteError();
+        mqb::ChannelCounters::bump(l->counters->errors);
         return rc;
     }
     --m.nFree;
@@ -421,7 +429,7 @@ int MQB::receive() {
     std::memcpy(m.lastCdb, s.cdb, 16);
     m.senseLen = s.out.senseLen;
     if (s.out.senseLen) std::memcpy(m.sense, s.out.sense, s.out.senseLen);
-    if (s.out.status != MQB_OK && s.fromQueue) s.dev->noteError();
+    if (s.out.status != MQB_OK && s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
     if (s.opcode == scsi::kReadCapacity10 && s.out.status == MQB_OK) s.dev->backend().capacityRead();
     return s.out.status;
 }

@@ -23,14 +23,15 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 Device::Device(std::string spec, std::unique_ptr<Backend> backend)
     : spec_(std::move(spec)), backend_(std::move(backend)) {}
 
-Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out) {
-    bump(commands_);
+Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k) {
+    using C = ChannelCounters;
+    C::bump(k.commands);
     switch (c.opcode) {
-    case scsi::kRead10: bump(reads_); bump(blocksRead_, c.tl); break;
-    case scsi::kWrite10: bump(writes_); bump(blocksWritten_, c.tl); break;
-    case scsi::kWriteVerify10: bump(wrvs_); bump(blocksWritten_, c.tl); break;
-    case scsi::kVerify10: bump(verifies_); break;
-    default: bump(other_); break;
+    case scsi::kRead10: C::bump(k.reads); C::bump(k.blocksRead, c.tl); break;
+    case scsi::kWrite10: C::bump(k.writes); C::bump(k.blocksWritten, c.tl); break;
+    case scsi::kWriteVerify10: C::bump(k.wrvs); C::bump(k.blocksWritten, c.tl); break;
+    case scsi::kVerify10: C::bump(k.verifies); break;
+    default: C::bump(k.other); break;
     }
     if (slowPath_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> g(lock_);
@@ -38,7 +39,7 @@ Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out) {
             trace_.push_back(TraceEntry{c.opcode, c.lba, c.tl, tag});
         bool refused = false;
         if (applyFaults(c, out, refused)) {
-            bump(errors_);
+            C::bump(k.errors);
             return refused ? Admit::Refused : Admit::Answered;
         }
     }
@@ -90,6 +91,24 @@ void Device::enter(uint64_t n) {
     }
 }
 
+ChannelCounters* Device::attachChannel() {
+    std::lock_guard<std::mutex> g(lock_);
+    for (auto& c : channels_) {
+        if (!c->inUse) {
+            c->inUse = true;
+            return c.get();
+        }
+    }
+    channels_.push_back(std::make_unique<ChannelCounters>());
+    channels_.back()->inUse = true;
+    return channels_.back().get();
+}
+
+void Device::detachChannel(ChannelCounters* c) {
+    std::lock_guard<std::mutex> g(lock_);
+    c->inUse = false;  // its counts stay in the device's sums
+}
+
 void Device::updateSlowPath() {
     slowPath_.store(tracing_ || !faults_.empty(), std::memory_order_release);
 }
@@ -118,15 +137,22 @@ void Device::listFaults(std::vector<FaultRule>& out) {
 
 void Device::stats(DeviceStats& s) const {
     auto ld = [](const Counter& c) { return c.load(std::memory_order_relaxed); };
-    s.commands = ld(commands_);
-    s.reads = ld(reads_);
-    s.writes = ld(writes_);
-    s.wrvs = ld(wrvs_);
-    s.verifies = ld(verifies_);
-    s.other = ld(other_);
-    s.blocksRead = ld(blocksRead_);
-    s.blocksWritten = ld(blocksWritten_);
-    s.errors = ld(errors_);
+    s.commands = s.reads = s.writes = s.wrvs = s.verifies = s.other = 0;
+    s.blocksRead = s.blocksWritten = s.errors = 0;
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        for (const auto& c : channels_) {
+            s.commands += ld(c->commands);
+            s.reads += ld(c->reads);
+            s.writes += ld(c->writes);
+            s.wrvs += ld(c->wrvs);
+            s.verifies += ld(c->verifies);
+            s.other += ld(c->other);
+            s.blocksRead += ld(c->blocksRead);
+            s.blocksWritten += ld(c->blocksWritten);
+            s.errors += ld(c->errors);
+        }
+    }
     s.maxOutstanding = ld(maxOutstanding_);
     s.queueing = queueing_.load(std::memory_order_relaxed);
     s.maxQueueDepth = maxDepth_.load(std::memory_order_relaxed);
@@ -161,9 +187,13 @@ void Device::traceClear() {
 // commands still in flight (their completions are on their way).
 void Device::reset() {
     std::lock_guard<std::mutex> g(lock_);
-    for (Counter* c : {&commands_, &reads_, &writes_, &wrvs_, &verifies_, &other_,
-                       &blocksRead_, &blocksWritten_, &errors_, &maxOutstanding_})
-        c->store(0, std::memory_order_relaxed);
+    // A channel counting at this very moment may put back a count it had
+    // read before the reset: reset a device between runs, not during one.
+    for (auto& k : channels_)
+        for (Counter* c : {&k->commands, &k->reads, &k->writes, &k->wrvs, &k->verifies, &k->other,
+                           &k->blocksRead, &k->blocksWritten, &k->errors})
+            c->store(0, std::memory_order_relaxed);
+    maxOutstanding_.store(0, std::memory_order_relaxed);
     queueing_.store(false, std::memory_order_relaxed);
     fastReads_.store(false, std::memory_order_relaxed);
     maxDepth_.store(0, std::memory_order_relaxed);

@@ -13,6 +13,20 @@
 
 namespace mqb {
 
+// The command counters one channel keeps for one device. Only that channel's
+// thread writes them, with a plain load and store (no locked instruction on
+// the command path); stats() sums every channel's set from any thread.
+struct ChannelCounters {
+    using Counter = std::atomic<uint64_t>;
+    Counter commands{0}, reads{0}, writes{0}, wrvs{0}, verifies{0}, other{0};
+    Counter blocksRead{0}, blocksWritten{0}, errors{0};
+    bool inUse = false;  // owned by a channel; the device's lock_ guards it
+
+    static void bump(Counter& c, uint64_t n = 1) {
+        c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+    }
+};
+
 class Device {
 public:
     Device(std::string spec, std::unique_ptr<Backend> backend);
@@ -24,12 +38,16 @@ public:
         Refused,   // the send is refused: `out` holds the status and sense
     };
 
-    // Takes one command in, in front of every backend: counts it, traces it
-    // and applies the first fault rule that fires. With no trace and no
-    // faults it takes no lock and does not allocate.
-    Admit admit(const Command& cmd, uint32_t tag, Outcome& out);
-    // Counts a command the backend completed with an error.
-    void noteError() { bump(errors_); }
+    // Takes one command in, in front of every backend: counts it in the
+    // calling channel's counters, traces it and applies the first fault rule
+    // that fires. With no trace and no faults it takes no lock and does not
+    // allocate.
+    Admit admit(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine);
+
+    // A counter set for one channel (a free one reused, else a new one that
+    // lives as long as the device); the channel gives it back when it goes.
+    ChannelCounters* attachChannel();
+    void detachChannel(ChannelCounters* c);
 
     // Bookkeeping of commands at the device (handed to it and not yet
     // collected back) across every channel, for the peak.
@@ -59,7 +77,6 @@ public:
 
 private:
     using Counter = std::atomic<uint64_t>;
-    static void bump(Counter& c, uint64_t n = 1) { c.fetch_add(n, std::memory_order_relaxed); }
     bool applyFaults(const Command& cmd, Outcome& out, bool& refused);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
@@ -67,8 +84,7 @@ private:
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
 
-    Counter commands_{0}, reads_{0}, writes_{0}, wrvs_{0}, verifies_{0}, other_{0};
-    Counter blocksRead_{0}, blocksWritten_{0}, errors_{0};
+    std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change
     Counter inFlight_{0}, maxOutstanding_{0};
     std::atomic<bool> queueing_{false}, fastReads_{false};
     std::atomic<int> maxDepth_{0}, dataMode_{0};
@@ -76,7 +92,7 @@ private:
     // Set while a trace runs or a fault rule exists: only then does submit()
     // take lock_.
     std::atomic<bool> slowPath_{false};
-    std::mutex lock_;
+    mutable std::mutex lock_;
     std::vector<FaultRule> faults_;
     int nextFaultId_ = 1;
     bool tracing_ = false;
