@@ -141,9 +141,11 @@ int SgQueue::submit(const Command& c, Outcome* out, uint64_t token) {
     case scsi::kServiceActionIn16:
         dir = SG_DXFER_FROM_DEV, data = c.readBuf, len = c.readBuf ? c.readLen : 0;
         break;
+    case scsi::kVerify10:  // data-out only with BYTCHK: the blocks to compare
+        if (!sbc::byteCheck(c)) break;
+        [[fallthrough]];
     case scsi::kWrite10:
     case scsi::kWriteVerify10:
-    case scsi::kVerify10:  // carries data only with BYTCHK, in which case the caller gave it
         dir = SG_DXFER_TO_DEV, data = const_cast<uint8_t*>(c.writeBuf),
         len = c.writeBuf ? c.writeLen : 0;
         break;

@@ -205,6 +205,21 @@ TEST(SgQueueFake, RefusedStartsWaitForRoomAndStrayCompletionsAreIgnored) {
     for (const auto& o : out) EXPECT_EQ(o.status, 0);
 }
 
+TEST(SgQueueFake, DataDirectionFollowsTheOpcodeAndBytchk) {
+    FakeSg dev;
+    mqb::SgQueue q(dev.opener(), 8, 1000);
+    uint8_t cdbs[4][10] = {{}, {}, {0, 0x02}, {}}, buf[512];
+    const uint8_t ops[4] = {0x28, 0x2A, 0x2F, 0x2F};
+    mqb::Outcome out[4];
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(q.submit(cmd10(ops[i], cdbs[i], buf, 512), &out[i], uint64_t(i)), 0);
+    q.commit();
+    std::vector<int> dirs;
+    for (const auto& h : dev.ports[0]->started) dirs.push_back(h.dxfer_direction);
+    EXPECT_EQ(dirs, (std::vector<int>{SG_DXFER_FROM_DEV, SG_DXFER_TO_DEV, SG_DXFER_TO_DEV, SG_DXFER_NONE}))
+        << "VERIFY sends its buffer only when BYTCHK asks for a compare";
+    for (int i = 0; i < 4; ++i) dev.finish(dev.ports[0]->started[0].pack_id, sg_io_hdr_t{});
+}
+
 TEST(SgQueueFake, NoDescriptorAtAllFailsEveryCommand) {
     FakeSg dev;
     dev.maxOpens = 0;
