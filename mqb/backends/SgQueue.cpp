@@ -117,15 +117,17 @@ SgQueue::SgQueue(SgPortOpener open, int depth, unsigned timeoutMs)
 }
 
 SgQueue::~SgQueue() {
-    // The device may still write into the callers' buffers: wait for it.
-    while (inFlight_ > 0 && reap(nullptr, 0, 0, -1) >= 0) {
-        int left = 0;
-        for (size_t pi = 0; pi < ports_.size(); ++pi) left += ports_[pi].inFlight;
-        if (left == 0) break;
-        std::vector<pollfd> fds;
+    // The device may still write into the callers' buffers: wait for what
+    // was started (nothing more is), each wait bounded by the time-out.
+    std::vector<pollfd> fds;
+    while (inFlight_ > 0) {
+        for (size_t pi = 0; pi < ports_.size(); ++pi) drain(ports_[pi], int(pi));
+        if (inFlight_ == 0) break;
+        fds.clear();
         for (Port& p : ports_)
             if (p.inFlight > 0) fds.push_back(pollfd{p.port->pollFd(), POLLIN, 0});
-        if (::poll(fds.data(), fds.size(), int(timeoutMs_) + 1000) <= 0) break;
+        const int rc = ::poll(fds.data(), fds.size(), int(timeoutMs_) + 1000);
+        if (rc == 0 || (rc < 0 && errno != EINTR)) break;
     }
 }
 
