@@ -120,7 +120,7 @@ namespace {
 // it unless the caller is about to reap (a reap commits by itself).
 void commitLane(MQB::Impl& m, Lane& l, bool reapFollows) {
     if (l.uncommitted == 0) return;
-    l.device->enter(uint64_t(l.uncommitted));
+    l.device->enter(*l.counters, uint64_t(l.uncommitted));
     l.atDevice += l.uncommitted;
     m.uncommitted -= l.uncommitted;
     l.uncommitted = 0;
@@ -162,7 +162,7 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
     }
     l.atDevice -= n;
     inQueues -= n;
-    l.device->leave(uint64_t(n));
+    l.device->leave(*l.counters, uint64_t(n));
 }
 
 // The lane's transport can no longer be waited on: every command it holds
@@ -177,7 +177,7 @@ void MQB::Impl::failLane(Lane& l, int status) {
         pushReady(i);
         --inQueues;
     }
-    l.device->leave(uint64_t(l.atDevice));
+    l.device->leave(*l.counters, uint64_t(l.atDevice));
     uncommitted -= l.uncommitted;
     l.atDevice = l.uncommitted = 0;
 }
@@ -216,7 +216,7 @@ MQB::MQB(const std::string& driver) : impl_(std::make_unique<Impl>(driver)) {}
 // transport is done with the callers' buffers.
 MQB::~MQB() {
     for (auto& l : impl_->lanes) {
-        l->device->leave(uint64_t(l->atDevice));
+        l->device->leave(*l->counters, uint64_t(l->atDevice));
         l->queue.reset();  // done with the callers' buffers before the counters go back
         l->device->detachChannel(l->counters);
     }

@@ -83,8 +83,12 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused) {
     return false;
 }
 
-void Device::enter(uint64_t n) {
-    const uint64_t now = inFlight_.fetch_add(n, std::memory_order_relaxed) + n;
+void Device::enter(ChannelCounters& mine, uint64_t n) {
+    ChannelCounters::bump(mine.atDevice, n);
+    uint64_t now = 0;
+    const int count = nTracked_.load(std::memory_order_acquire);
+    for (int i = 0; i < count; ++i)
+        now += tracked_[i].load(std::memory_order_relaxed)->atDevice.load(std::memory_order_relaxed);
     uint64_t peak = maxOutstanding_.load(std::memory_order_relaxed);
     while (now > peak &&
            !maxOutstanding_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
@@ -100,8 +104,14 @@ ChannelCounters* Device::attachChannel() {
         }
     }
     channels_.push_back(std::make_unique<ChannelCounters>());
-    channels_.back()->inUse = true;
-    return channels_.back().get();
+    ChannelCounters* c = channels_.back().get();
+    c->inUse = true;
+    const int n = nTracked_.load(std::memory_order_relaxed);
+    if (n < kTracked) {
+        tracked_[n].store(c, std::memory_order_relaxed);
+        nTracked_.store(n + 1, std::memory_order_release);
+    }
+    return c;
 }
 
 void Device::detachChannel(ChannelCounters* c) {

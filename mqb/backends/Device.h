@@ -20,7 +20,8 @@ struct ChannelCounters {
     using Counter = std::atomic<uint64_t>;
     Counter commands{0}, reads{0}, writes{0}, wrvs{0}, verifies{0}, other{0};
     Counter blocksRead{0}, blocksWritten{0}, errors{0};
-    bool inUse = false;  // owned by a channel; the device's lock_ guards it
+    Counter atDevice{0};  // the channel's commands at the device now
+    bool inUse = false;   // owned by a channel; the device's lock_ guards it
 
     static void bump(Counter& c, uint64_t n = 1) {
         c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
@@ -50,9 +51,11 @@ public:
     void detachChannel(ChannelCounters* c);
 
     // Bookkeeping of commands at the device (handed to it and not yet
-    // collected back) across every channel, for the peak.
-    void enter(uint64_t n);
-    void leave(uint64_t n) { inFlight_.fetch_sub(n, std::memory_order_relaxed); }
+    // collected back), kept per channel; enter() sums every channel's count
+    // for the device's peak. Neither takes a lock or a locked instruction
+    // (the peak's compare-and-swap runs only when a new peak is seen).
+    void enter(ChannelCounters& mine, uint64_t n);
+    void leave(ChannelCounters& mine, uint64_t n) { ChannelCounters::bump(mine.atDevice, uint64_t(0) - n); }
 
     Backend& backend() { return *backend_; }
     const std::string& spec() const { return spec_; }
@@ -85,7 +88,13 @@ private:
     std::atomic<bool> locked_{false};
 
     std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change
-    Counter inFlight_{0}, maxOutstanding_{0};
+    // The same sets, for enter() to read without the lock: published once
+    // each, never moved. Channels past the first kTracked at once are not in
+    // the peak.
+    static constexpr int kTracked = 256;
+    std::atomic<ChannelCounters*> tracked_[kTracked] = {};
+    std::atomic<int> nTracked_{0};
+    Counter maxOutstanding_{0};
     std::atomic<bool> queueing_{false}, fastReads_{false};
     std::atomic<int> maxDepth_{0}, dataMode_{0};
 
