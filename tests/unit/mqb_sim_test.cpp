@@ -11,6 +11,8 @@
 #include "DeviceTable.h"
 #include "MQB.h"
 #include "MQBErr.h"
+#include "backends/Queue.h"
+#include "backends/SimDisk.h"
 
 // Counts allocations while g_countAllocs is set, to prove the command path allocates nothing.
 // The replacements pair malloc with free themselves, which GCC cannot see.
@@ -322,4 +324,31 @@ TEST(SimStore, ThreadsReadingIntoOneSharedBuffer) {
     t1.join(), t2.join();
     EXPECT_EQ(failures.load(), 0);
     for (size_t i = 0; i < shared.size(); ++i) ASSERT_TRUE(shared[i] == 0x11 || shared[i] == 0x22) << i;
+}
+
+// The latency runs from the commit; a reap waits for the earliest due
+// command, no longer than its time-out, and hands back at most `max`.
+TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
+    mqb::SimConfig cfg;
+    cfg.latencyUs = 30000;
+    mqb::SimDisk disk(cfg);
+    std::unique_ptr<mqb::Queue> q = disk.openQueue(4);
+    uint8_t cdb[10] = {READ10};
+    mqb::Command c;
+    c.cdb = cdb, c.cdbLen = 10, c.opcode = READ10, c.tl = 1;
+    mqb::Outcome out[5];
+    for (uint64_t t = 0; t < 4; ++t) ASSERT_EQ(q->submit(c, &out[t], t), 0);
+    EXPECT_EQ(q->submit(c, &out[4], 4), MQB_ERR_QUEUE_FULL);
+    using Clock = std::chrono::steady_clock;
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));  // not at the device yet
+    const auto t0 = Clock::now();
+    uint64_t tokens[4];
+    EXPECT_EQ(q->reap(tokens, 1, 4, 5000000), 0) << "committed now, due in 30 ms";
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(5));
+    ASSERT_EQ(q->reap(tokens, 1, 3, -1), 3);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(29));
+    EXPECT_EQ(std::vector<uint64_t>(tokens, tokens + 3), (std::vector<uint64_t>{0, 1, 2}));
+    EXPECT_EQ(std::make_pair(q->reap(tokens, 0, 4, 0), tokens[0]), std::make_pair(1, uint64_t(3)));
+    EXPECT_EQ(q->outstanding(), 0);
+    EXPECT_EQ(q->reap(tokens, 1, 4, -1), 0) << "nothing held: no wait";
 }
