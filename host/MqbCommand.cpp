@@ -146,6 +146,7 @@ int cmdInfo(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "blocksize", Tcl_NewWideIntObj(s.blockSize));
     dictPut(interp, d, "locked", Tcl_NewBooleanObj(s.locked));
     dictPut(interp, d, "backend", Tcl_NewStringObj(s.backend.c_str(), -1));
+    dictPut(interp, d, "direct", Tcl_NewIntObj(s.direct ? 1 : 0));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
 }
@@ -275,8 +276,8 @@ const char* const kKindNames[] = {"check", "timeout", "refuse", "status"};
 // Reads the options of `fault IDX add` (from objv[4]) into `rule`.
 int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::FaultRule& rule) {
     static const char* const opts[] = {"-op", "-lba", "-every", "-count", "-status",
-                                       "-sense", "-uec", "-info", nullptr};
-    enum { OP, LBA, EVERY, COUNT, STATUS, SENSE, UEC, INFO };
+                                       "-sense", "-uec", "-info", "-senselen", nullptr};
+    enum { OP, LBA, EVERY, COUNT, STATUS, SENSE, UEC, INFO, SENSELEN };
     bool haveStatus = false;
     for (int i = 4; i < objc; i += 2) {
         int opt;
@@ -353,6 +354,13 @@ int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::Fau
             rule.info = b != 0;
             break;
         }
+        case SENSELEN: {
+            int n;
+            if (Tcl_GetIntFromObj(nullptr, v, &n) != TCL_OK || (n != 18 && n != 32))
+                return fail(interp, std::string("bad -senselen \"") + text + "\": must be 18 or 32");
+            rule.senseLen = uint8_t(n);
+            break;
+        }
         }
     }
     if (!haveStatus) return fail(interp, "missing -status: must be check, timeout, refuse or CODE");
@@ -382,6 +390,7 @@ Tcl_Obj* describeRule(Tcl_Interp* interp, const mqb::FaultRule& r) {
         dictPut(interp, d, "uec", Tcl_NewStringObj("", 0));
     }
     dictPut(interp, d, "info", Tcl_NewBooleanObj(r.info));
+    dictPut(interp, d, "senselen", Tcl_NewIntObj(r.senseLen));
     dictPut(interp, d, "matches", wideObj(r.matches));
     dictPut(interp, d, "fired", wideObj(r.fired));
     return d;

@@ -81,6 +81,7 @@ bool deviceSummary(int idx, DeviceSummary& out) {
     out.blocks = geo.blocks ? geo.blocks - 1 : 0;
     out.blockSize = geo.blockSize;
     out.locked = d->locked();
+    out.direct = d->backend().direct();
     return true;
 }
 

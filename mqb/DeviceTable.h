@@ -29,8 +29,9 @@ struct FaultRule {
                                      // Status: completes with `status`, no sense
     int      status = 0;             // for Kind::Status, a negative code
     uint8_t  key = 0x03, asc = 0x11, ascq = 0x00;
-    bool     hasUec = false;         // true: 32-byte sense with the UEC at 20-21
-    uint16_t uec = 0;
+    bool     hasUec = false;         // a UEC was given (it is 0 otherwise)
+    uint16_t uec = 0;                // vendor code in bytes 20-21 of 32-byte sense
+    uint8_t  senseLen = 32;          // 32 (with the UEC) or 18
     bool     info = false;           // VALID + INFORMATION = first LBA in range
     uint64_t matches = 0;            // bookkeeping: matches seen
     uint64_t fired = 0;              // bookkeeping: times fired
@@ -61,6 +62,7 @@ struct DeviceSummary {
     uint64_t    blocks = 0;          // capacity as DeviceInfo reports it (last LBA)
     uint32_t    blockSize = 0;
     bool        locked = false;
+    bool        direct = false;      // data bypasses the page cache (file: with O_DIRECT)
 };
 
 // Adds a device from a spec text ("sim", "sim:blocks=1000,bs=4096", ...).

@@ -64,9 +64,9 @@ public:
     // Queues the command in `record` (layout in mqbrec). 0 = accepted, a
     // completion will follow; otherwise a status (-16: sense through errInfo).
     int  send(unsigned char* record);
-    // Takes the next completion of this channel (in order of finishing time,
-    // waiting for it when it is not yet due or still with the kernel) and
-    // returns its status. With nothing outstanding it returns
+    // Takes the next completion of this channel (in the order the device
+    // finished them, waiting for the device when none has) and returns its
+    // status. With nothing outstanding it returns
     // MQB_ERR_NOTHING_OUT at once.
     int  receive();
     int  receiveInfo(int code, int count, ...);   // about the last completion
@@ -78,6 +78,9 @@ public:
     void setCloneAllowed(bool allowed);           // false: ioctl 131 fails
     bool cloneAllowed() const;
     int  outstanding() const;                     // commands sent, not yet received
+    // Hands every command sent since the last receive to its device now
+    // (receive does this by itself). Returns 0.
+    int  commit();
 
     struct Impl;
 private:

@@ -26,10 +26,6 @@ bool parseSmall(const std::string& s, int& out) {
     return true;
 }
 
-uint32_t be32(const uint8_t* p) {
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
-
 // Runs one command on `q` to its end; `out` holds the outcome.
 void runOne(IscsiQueue& q, const Command& cmd, Outcome& out) {
     if (q.submit(cmd, &out, 0) != MQB_OK) return;
@@ -125,9 +121,6 @@ bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err)
     return true;
 }
 
-IscsiDisk::IscsiDisk(const IscsiTarget& target, Geometry geo, std::unique_ptr<IscsiQueue> session)
-    : target_(target), geo_(geo), session_(std::move(session)) {}
-
 IscsiDisk::~IscsiDisk() = default;
 
 std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& err) {
@@ -138,7 +131,7 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
 
     // READ CAPACITY(16): last LBA (64 bits) and block size. A first command
     // after log-in may draw a UNIT ATTENTION, so that one is asked again.
-    uint8_t cdb[16] = {0x9E, 0x10};
+    uint8_t cdb[16] = {scsi::kServiceActionIn16, scsi::kSaReadCapacity16};
     uint8_t data[32] = {};
     cdb[13] = sizeof data;
     Command c;
@@ -160,31 +153,9 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
         return nullptr;
     }
     Geometry geo;
-    geo.blocks = ((uint64_t(be32(data)) << 32) | be32(data + 4)) + 1;
-    geo.blockSize = be32(data + 8);
-    return std::unique_ptr<Backend>(new IscsiDisk(target, geo, std::move(session)));
-}
-
-void IscsiDisk::execute(const Command& cmd, Outcome& out) {
-    std::lock_guard<std::mutex> g(lock_);
-    const auto now = std::chrono::steady_clock::now();
-    if (!session_ || session_->lost()) {
-        // Commands queued behind a lost session end at once; only after a
-        // pause of one time-out is a new log-in tried, so a dead or silent
-        // target costs a run one time-out, not one per command in flight.
-        std::string err;
-        session_.reset();
-        if (now >= retryAt_) session_ = IscsiQueue::open(target_, 1, err);
-        if (!session_) {
-            retryAt_ = std::chrono::steady_clock::now() + std::chrono::seconds(target_.timeoutSec);
-            out.status = MQB_ERR_TIMEOUT;
-            out.senseLen = 0;
-            return;
-        }
-    }
-    runOne(*session_, cmd, out);
-    if (session_->lost())
-        retryAt_ = std::chrono::steady_clock::now() + std::chrono::seconds(target_.timeoutSec);
+    geo.blocks = scsi::be64(data) + 1;
+    geo.blockSize = scsi::be32(data + 8);
+    return std::unique_ptr<Backend>(new IscsiDisk(target, geo));
 }
 
 std::unique_ptr<Queue> IscsiDisk::openQueue(int depth) {

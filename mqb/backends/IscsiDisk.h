@@ -2,18 +2,13 @@
 // spec names the target (`iscsi://HOST[:PORT]/IQN/LUN?timeout=SEC`); each
 // command goes to the target with its CDB unchanged and comes back with the
 // target's own status and sense. Each channel opens its own session
-// (openQueue); the disk keeps one more session for commands run through
-// execute().
+// (openQueue); the session made at `mqb add` only reads the capacity.
 #pragma once
-#include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include "Backend.h"
 
 namespace mqb {
-
-class IscsiQueue;
 
 // Where an iscsi:// spec points, and how long a command may take there.
 struct IscsiTarget {
@@ -39,11 +34,6 @@ public:
     // library was built without libiscsi.
     static std::unique_ptr<Backend> open(const std::string& spec, std::string& err);
     ~IscsiDisk() override;
-
-    // Runs one command to its end on the disk's own session, one caller at a
-    // time. Once that session is lost, commands end with -14 at once for one
-    // time-out; the next command after that logs in again (-14 if it cannot).
-    void execute(const Command& cmd, Outcome& out) override;
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "iscsi"; }
     // A new session of up to `depth` commands in flight, for one channel.
@@ -52,13 +42,10 @@ public:
     const IscsiTarget& target() const { return target_; }
 
 private:
-    IscsiDisk(const IscsiTarget& target, Geometry geo, std::unique_ptr<IscsiQueue> session);
+    IscsiDisk(const IscsiTarget& target, Geometry geo) : target_(target), geo_(geo) {}
 
-    const IscsiTarget           target_;
-    const Geometry              geo_;
-    std::mutex                  lock_;     // guards session_ and retryAt_
-    std::unique_ptr<IscsiQueue> session_;  // execute()'s session; null after a failed login
-    std::chrono::steady_clock::time_point retryAt_{};  // no new log-in before this
+    const IscsiTarget target_;
+    const Geometry    geo_;
 };
 
 }  // namespace mqb

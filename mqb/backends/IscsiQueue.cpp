@@ -31,7 +31,6 @@ namespace mqb {
 
 namespace {
 constexpr const char* kInitiatorName = "iqn.2026-01.org.kiv:initiator";
-constexpr uint8_t kReadCapacity16 = 0x9E;
 constexpr int kMaxDepth = 1024;
 // The longest a log-out may take when a queue closes: a target that has
 // stopped answering must not hold the caller for a whole command time-out.
@@ -181,16 +180,16 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     void* buf = nullptr;
     uint64_t len = 0;
     switch (cmd.opcode) {
-    case sbc::kRead:
-    case sbc::kReadCapacity:
-    case kReadCapacity16:
+    case scsi::kRead10:
+    case scsi::kReadCapacity10:
+    case scsi::kServiceActionIn16:
         dir = SCSI_XFER_READ, buf = cmd.readBuf, len = cmd.readLen;
         break;
-    case sbc::kVerify:
-        if ((cmd.cdb[1] & 0x02) == 0) break;
+    case scsi::kVerify10:
+        if ((cmd.cdb[1] & scsi::kBytchk) == 0) break;
         [[fallthrough]];
-    case sbc::kWrite:
-    case sbc::kWrv:
+    case scsi::kWrite10:
+    case scsi::kWriteVerify10:
         dir = SCSI_XFER_WRITE, buf = const_cast<uint8_t*>(cmd.writeBuf), len = cmd.writeLen;
         break;
     default:
