@@ -4,6 +4,7 @@
 // the millisecond clock that every part of the test uses.
 #include "KIVControl.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/time.h>
@@ -144,6 +145,9 @@ int KIVControl::run() {
 // file) and writes the statistics header to the terminal and the log. A file
 // that cannot be opened is reported and its name dropped; the run goes on.
 void KIVControl::initLoop() {
+    statLogWriteErr = 0;
+    errLogWriteErr = 0;
+    errStatWriteErr = 0;
     if (statLogfileName) {
         statLogfile = fopen(statLogfileName, statAppend ? "a" : "w");
         if (!statLogfile) {
@@ -180,7 +184,7 @@ void KIVControl::initLoop() {
             print("");
         }
         if (statLogfileName) {
-            fprintf(statLogfile, "%s\n%s\n", header, rule);
+            noteWrite(fprintf(statLogfile, "%s\n%s\n", header, rule), statLogWriteErr);
         }
     }
 }
@@ -219,29 +223,61 @@ void KIVControl::analyzeLoop() {
     finishLoop();
 }
 
-namespace {
-// Flushes and closes a run's output file (when it was opened) and releases
-// its name, leaving both fields null.
-void closeRunFile(FILE*& file, char*& name) {
+// Flushes and closes a run's output file (when it was opened), reports a first
+// failed write (`err`) not yet shown, and releases the name, leaving both
+// fields null.
+void KIVControl::closeRunFile(FILE*& file, char*& name, int& err) {
     if (file) {
-        fflush(file);
-        fclose(file);
+        noteWrite(fflush(file), err);
+        noteWrite(fclose(file), err);
     }
+    reportWriteErr(name, err);
     file = nullptr;
     free(name);
     name = nullptr;
 }
-}  // namespace
+
+void KIVControl::noteWrite(int rc, int& err) {
+    if (rc < 0 && err == 0) err = errno != 0 ? errno : EIO;
+}
+
+void KIVControl::reportWriteErr(const char* name, int& err) {
+    if (err <= 0) return;
+    char msg[600];
+    snprintf(msg, sizeof msg, "KIV: <E> Could not write %.400s: %s", name ? name : "?",
+             strerror(err));
+    err = -1;
+    printLiteral(msg);
+}
+
+// Pushes what the statistics log and the error log hold to their files, so a
+// run that is cut short loses at most one pass, and reports the first write of
+// either that failed. The error log is shared with the test threads: its
+// flush and failure record are taken under printMutex.
+void KIVControl::flushRunLogs() {
+    if (statLogfileName && statLogfile) {
+        noteWrite(fflush(statLogfile), statLogWriteErr);
+        reportWriteErr(statLogfileName, statLogWriteErr);
+    }
+    if (errLogfileName && errLogfile) {
+        pthread_mutex_lock(&printMutex);
+        noteWrite(fflush(errLogfile), errLogWriteErr);
+        int err = errLogWriteErr;
+        if (err > 0) errLogWriteErr = -1;
+        pthread_mutex_unlock(&printMutex);
+        reportWriteErr(errLogfileName, err);
+    }
+}
 
 // Ends a run in either mode: closes the files (writing the error statistics),
 // finishes the window, sets kiv_run to 0, joins the test threads, destroys the
 // loops, shows what is left in the print buffer and says the test is complete.
 void KIVControl::finishLoop() {
-    if (statLogfileName) closeRunFile(statLogfile, statLogfileName);
-    if (errLogfileName) closeRunFile(errLogfile, errLogfileName);
+    if (statLogfileName) closeRunFile(statLogfile, statLogfileName, statLogWriteErr);
+    if (errLogfileName) closeRunFile(errLogfile, errLogfileName, errLogWriteErr);
     if (errStatFileName) {
         if (errStatFile) generateStatFile();
-        closeRunFile(errStatFile, errStatFileName);
+        closeRunFile(errStatFile, errStatFileName, errStatWriteErr);
     }
     if (statMode == 2) finalizeWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
@@ -296,19 +332,24 @@ void KIVControl::printLiteral(const char* text) {
 // dropped.
 void KIVControl::printThreaded(const char* text) {
     pthread_mutex_lock(&printMutex);
-    if (printBuf && printLen <= kPrintLimit) {
-        size_t len = strlen(text);
-        // Callers pass short lines; the cap only guards the buffer's end.
-        const size_t cap = 65535 - printLen - 2;
-        if (len > cap) len = cap;
-        memcpy(printBuf + printLen, text, len);
-        printBuf[printLen + len] = '\n';
-        printBuf[printLen + len + 1] = '\0';
-        // checkErr peeks at the length without the lock to skip empty drains;
-        // store it as one relaxed atomic word so that peek is well defined.
-        __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
-    }
+    queueLineLocked(text, kPrintLimit);
     pthread_mutex_unlock(&printMutex);
+}
+
+// Copies the text and a line feed to the end of the print buffer, keeping it
+// terminated, when printLen is at most `limit`; otherwise drops the line. The
+// caller holds printMutex. A text longer than the room left is cut short.
+void KIVControl::queueLineLocked(const char* text, size_t limit) {
+    if (!printBuf || printLen > limit) return;
+    size_t len = strlen(text);
+    const size_t cap = 65535 - printLen - 2;
+    if (len > cap) len = cap;
+    memcpy(printBuf + printLen, text, len);
+    printBuf[printLen + len] = '\n';
+    printBuf[printLen + len + 1] = '\0';
+    // checkErr peeks at the length without the lock to skip empty drains;
+    // store it as one relaxed atomic word so that peek is well defined.
+    __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
 }
 
 // Evaluates a script and returns its Tcl code; a failure is reported on the

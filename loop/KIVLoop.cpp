@@ -63,7 +63,7 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
                  double maxLbaArg, int minTL_, int maxTL_, int qDepth_, int ops_,
                  int skipFreq_, int reverseFreq_, int repeatFreq_, int rawioP,
                  int randStream_, int dataBufferIdx_)
-    : running(true), lastLba(0), lastTL(0), lastCmd(2), outstanding(0), tag(0),
+    : running(true), stopRequested(false), lastLba(0), lastTL(0), lastCmd(2), outstanding(0), tag(0),
       blockSize(0), opsDone(0), blocksIssued(0), deviceIdx((uint32_t)deviceIdx_),
       hwCompare(false), errCount(0), errShown(false), revSavedLba(0), revSavedTL(0),
       repeatLba(0), repeatTL(0), revPending(false), skipPending(false),
@@ -288,6 +288,11 @@ bool KIVLoop::prepareDevice() {
         if (write_buff == nullptr) generateRandomWriteBuffer();
     }
     return true;
+}
+
+void KIVLoop::requestStop() {
+    stopRequested.store(true, std::memory_order_relaxed);
+    running.store(false, std::memory_order_relaxed);
 }
 
 void KIVLoop::setSkipCount(int n) { skip_count.store(n, std::memory_order_relaxed); }

@@ -16,6 +16,9 @@ class MQB;
 class KIVLoop {
 public:
     std::atomic<bool>     running;
+    // Set once the statistics pass has stopped the run (time over, kiv_run 0,
+    // an interrupt). Final: an error report's PASS decision cannot undo it.
+    std::atomic<bool>     stopRequested;
     std::atomic<uint64_t> lastLba;
     std::atomic<uint64_t> lastTL;
     std::atomic<uint32_t> lastCmd;
@@ -74,6 +77,13 @@ public:
     KIVLoop& operator=(const KIVLoop&) = delete;
 
     void run();
+    // Stops the loop for good: sets stopRequested, then clears running.
+    void requestStop();
+    // True while the loop may send another command.
+    bool keepGoing() const {
+        return running.load(std::memory_order_relaxed) &&
+               !stopRequested.load(std::memory_order_relaxed);
+    }
     void loadFunc();
     void unloadFunc();
     uint32_t getSec();

@@ -44,7 +44,7 @@ void KIVLoop::run() {
     // after ops - 1 commands when ops exceeds the queue depth.
     uint32_t count = qDepth;
     if (count != ops) {
-        while (running.load(kRelaxed)) {
+        while (keepGoing()) {
             count++;
             loadFunc();
             unloadFunc();
