@@ -85,19 +85,30 @@ int KIVControl::run() {
             running = false;
         }
     }
+    // Every loop shares the one read buffer: size it for the largest transfer
+    // of any loop now, so no loop replaces it while another has reads in flight.
+    // Memory that cannot be had refuses the run: reads would overrun the buffer.
+    KIVLoop::releaseRetiredReadBuffers();
+    for (int i = 0; running && i < numDevices; i++) {
+        KIVLoop* l = loops[i];
+        if (!KIVLoop::reserveReadBuffer(l->readBufferNeed())) {
+            char msg[160];
+            snprintf(msg, sizeof msg,
+                     "KIV: <E> Could not allocate a read buffer of %llu bytes for device %d, "
+                     "Out Of Memory",
+                     (unsigned long long)l->readBufferNeed(), devices[i]);
+            print(msg);
+            print("Aborted KIV Due To Setup Problem (See above)");
+            running = false;
+            break;
+        }
+    }
     if (!running) {
         for (int i = 0; i < numDevices; i++) {
             delete loops[i];
             loops[i] = nullptr;
         }
         return 0;
-    }
-
-    // Every loop shares the one read buffer: size it for the largest transfer
-    // of any loop now, so no loop replaces it while another has reads in flight.
-    for (int i = 0; i < numDevices; i++) {
-        KIVLoop* l = loops[i];
-        KIVLoop::reserveReadBuffer((uint64_t)l->blockSize * l->maxTL + 1000);
     }
 
     if (statMode == 2) setupWindow();

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "DeviceInfo.h"
 #include "KIVControl.h"
@@ -34,6 +35,12 @@ constexpr uint64_t kMaxCdbLba = 0xFFFFFFFFull;
 std::mutex& bufferMutex() {
     static std::mutex m;
     return m;
+}
+
+// Read buffers replaced while loops may still be reading into them.
+std::vector<uint8_t*>& retiredReadBuffers() {
+    static std::vector<uint8_t*> v;
+    return v;
 }
 
 // Turns one LBA bound of the configuration into an absolute LBA: a value in
@@ -282,7 +289,17 @@ bool KIVLoop::prepareDevice() {
     mqb->getDeviceInfo(&info);
     blockSize = info.blockSize;
 
-    reserveReadBuffer((uint64_t)blockSize * maxTL + 1000);
+    // run() sized the shared buffer before any loop started; a block size
+    // learnt since then may need more.
+    const uint64_t need = readBufferNeed();
+    if (!reserveReadBuffer(need)) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Could not allocate a read buffer of %llu bytes for device %d, "
+                 "Out Of Memory",
+                 (unsigned long long)need, mqb->getCurrentDeviceIndex());
+        control->printThreaded(msg);
+        return false;
+    }
     if (dataBufferIdx < 0) {
         std::lock_guard<std::mutex> lock(bufferMutex());
         if (write_buff == nullptr) generateRandomWriteBuffer();
@@ -300,14 +317,24 @@ void KIVLoop::setReverseCount(int n) { reverse_count.store(n, std::memory_order_
 void KIVLoop::setRepeatCount(int n) { repeat_count.store(n, std::memory_order_relaxed); }
 void KIVLoop::setRawioCount(int) { rawio_counter.store(0, std::memory_order_relaxed); }
 
-// Grows read_buff to at least `need` bytes; never shrinks it, so a buffer that
-// reads are landing in stays valid. An allocation failure keeps the old buffer.
-void KIVLoop::reserveReadBuffer(uint64_t need) {
+// Grows read_buff to at least `need` bytes; never shrinks it. The buffer it
+// replaces is retired, not freed, so reads landing in it stay valid. Returns
+// false when the allocation fails (or `need` does not fit a size_t); the old
+// buffer then stays in place.
+bool KIVLoop::reserveReadBuffer(uint64_t need) {
     std::lock_guard<std::mutex> lock(bufferMutex());
-    if (read_buff != nullptr && read_buff_size >= need) return;
-    uint8_t* fresh = (uint8_t*)malloc(need ? need : 1);
-    if (fresh == nullptr) return;
-    free(read_buff);
+    if (read_buff != nullptr && read_buff_size >= need) return true;
+    if (need > SIZE_MAX) return false;
+    uint8_t* fresh = (uint8_t*)malloc(need ? (size_t)need : 1);
+    if (fresh == nullptr) return false;
+    if (read_buff != nullptr) retiredReadBuffers().push_back(read_buff);
     read_buff = fresh;
     read_buff_size = need;
+    return true;
+}
+
+void KIVLoop::releaseRetiredReadBuffers() {
+    std::lock_guard<std::mutex> lock(bufferMutex());
+    for (uint8_t* b : retiredReadBuffers()) free(b);
+    retiredReadBuffers().clear();
 }

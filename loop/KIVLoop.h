@@ -95,9 +95,15 @@ public:
     static void setRepeatCount(int n);
     static void setRawioCount(int n);   // sets 0 whatever n is
 
-    // Makes sure read_buff holds at least `need` bytes. Called for every loop of
-    // a run before any loop starts, so no buffer in use is ever replaced.
-    static void reserveReadBuffer(uint64_t need);
+    // Makes sure read_buff holds at least `need` bytes. A buffer it replaces
+    // is kept (reads of another loop may still land in it) until
+    // releaseRetiredReadBuffers. Returns false, keeping the old buffer, when
+    // the memory cannot be had.
+    static bool reserveReadBuffer(uint64_t need);
+    // Frees the buffers reserveReadBuffer replaced. Only while no loop runs.
+    static void releaseRetiredReadBuffers();
+    // The bytes read_buff must hold for this loop's largest read.
+    uint64_t readBufferNeed() const { return (uint64_t)blockSize * maxTL + 1000; }
 
 private:
     // Device preparation, the first phase of run(); false when the queueing
