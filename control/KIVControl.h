@@ -166,6 +166,10 @@ public:
     static void* startThread(void* loop);
     void analyzeLoop();
     void finishLoop();
+    // Ends a run the process is leaving mid-way (exit from a script during the
+    // run): stops and joins the test threads, then flushes and closes the
+    // output files. Makes no Tcl call. Nothing to do when no test runs.
+    void stopForExit();
     void print(const char* text);
     // Shows user-supplied text literally (no Tcl substitution).
     void printLiteral(const char* text);

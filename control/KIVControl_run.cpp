@@ -310,6 +310,59 @@ void KIVControl::finishLoop() {
     print("KIV: test complete\\n");
 }
 
+// Called from the interpreter's exit handler, on the interpreter's thread: in a
+// multi-threaded run that is inside analyzeLoop (an "update" ran the script
+// that exits), in a single-threaded run inside the loop itself. The process
+// ends right after, so the single loop is never resumed; test threads must be
+// gone before the static objects they use are destroyed. Queued lines and
+// write failures go straight to standard output: the interpreter is on its
+// way out.
+void KIVControl::stopForExit() {
+    if (!running) return;
+    for (int i = 0; i < numDevices; i++)
+        if (loops[i]) loops[i]->requestStop();
+    if (threadMode) {
+        // Each loop drains what it has in flight; a device that never answers
+        // times its commands out, so this ends. The bound only guards a wedge.
+        for (int waited = 0; runcount.load() != 0 && waited < 30000; waited++) usleep(1000);
+        if (runcount.load() == 0) {
+            for (int i = 0; i < numDevices; i++) {
+                if (threadCreated[i]) {
+                    pthread_join(threads[i], nullptr);
+                    threadCreated[i] = false;
+                }
+                delete loops[i];
+                loops[i] = nullptr;
+            }
+        }
+    }
+    pthread_mutex_lock(&printMutex);
+    if (printBuf && printLen > kPutsPrefixLen) fputs(printBuf + kPutsPrefixLen, stdout);
+    printLen = kPutsPrefixLen;
+    pthread_mutex_unlock(&printMutex);
+
+    auto close = [](FILE*& file, char*& name, int& err) {
+        if (file) {
+            noteWrite(fflush(file), err);
+            noteWrite(fclose(file), err);
+            if (err > 0) printf("KIV: <E> Could not write %s: %s\n", name, strerror(err));
+        }
+        file = nullptr;
+        free(name);
+        name = nullptr;
+    };
+    if (statLogfileName) close(statLogfile, statLogfileName, statLogWriteErr);
+    pthread_mutex_lock(&printMutex);
+    if (errLogfileName) close(errLogfile, errLogfileName, errLogWriteErr);
+    pthread_mutex_unlock(&printMutex);
+    if (errStatFileName) {
+        if (errStatFile) generateStatFile();
+        close(errStatFile, errStatFileName, errStatWriteErr);
+    }
+    fflush(stdout);
+    running = false;
+}
+
 // Shows one line through `puts "<text>"` in the interpreter. The text is
 // substituted by Tcl, which the library's messages rely on for "\n" breaks.
 // A text too long for the buffer is cut short (never past the buffer).

@@ -280,6 +280,13 @@ int applyOption(int i, int argc, const char* argv[], unsigned int pct[4],
 // interpreter cannot provide Tcl 8.6.
 extern "C" int run(MQBManager* manager, void* /*unused*/, Tcl_Interp* interp) {
     if (Tcl_InitStubs(interp, "8.6", 0) == nullptr) return 1;
+    // `exit` from a script during a run (an after event, a callback) would
+    // otherwise destroy the process's static objects under the test threads.
+    static bool exitHandlerSet = false;
+    if (!exitHandlerSet) {
+        Tcl_CreateExitHandler([](ClientData) { control.stopForExit(); }, nullptr);
+        exitHandlerSet = true;
+    }
     Tcl_CreateCommand(interp, "kiv", kiv, (ClientData)manager, nullptr);
     Tcl_SetResult(interp, (char*)"kiv command added", TCL_STATIC);
     return 0;
