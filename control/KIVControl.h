@@ -170,6 +170,13 @@ public:
     // run): stops and joins the test threads, then flushes and closes the
     // output files. Makes no Tcl call. Nothing to do when no test runs.
     void stopForExit();
+    // SIGINT and SIGTERM during a run: the first stops the test as kiv_run 0
+    // would (the statistics pass sees interrupted()); a second within two
+    // seconds ends the process by the signal's default action. catch installs
+    // the handlers for the run, release restores the ones it replaced.
+    static void catchInterrupts();
+    static void releaseInterrupts();
+    static bool interrupted();
     void print(const char* text);
     // Shows user-supplied text literally (no Tcl substitution).
     void printLiteral(const char* text);

@@ -5,8 +5,10 @@
 #include "KIVControl.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -20,7 +22,57 @@ const size_t kPutsPrefixLen = 6;
 const size_t kPrintLimit = 65000;
 // Time the interpreter's thread waits between drains of the print buffer.
 const useconds_t kPollSleepUs = 250000;
+
+// Interrupt state shared with the signal handler: lock-free atomics only.
+std::atomic<bool>    interruptSeen{false};
+std::atomic<int64_t> interruptAtMs{0};
+// A second interrupt this soon after the first ends the process.
+constexpr int64_t kSecondInterruptMs = 2000;
+struct sigaction savedInt, savedTerm;
+bool interruptsCaught = false;
+
+// Monotonic milliseconds; clock_gettime is safe in a signal handler.
+int64_t monotonicMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Notes the interrupt for the statistics pass; a repeat within two seconds
+// takes the signal's default action (the process ends as if never caught).
+void onInterrupt(int sig) {
+    int64_t now = monotonicMs();
+    if (interruptSeen.load() && now - interruptAtMs.load() < kSecondInterruptMs) {
+        signal(sig, SIG_DFL);
+        raise(sig);
+        return;
+    }
+    interruptAtMs.store(now);
+    interruptSeen.store(true);
+}
 }  // namespace
+
+void KIVControl::catchInterrupts() {
+    interruptSeen.store(false);
+    if (interruptsCaught) return;
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, &savedInt);
+    sigaction(SIGTERM, &sa, &savedTerm);
+    interruptsCaught = true;
+}
+
+void KIVControl::releaseInterrupts() {
+    if (!interruptsCaught) return;
+    sigaction(SIGINT, &savedInt, nullptr);
+    sigaction(SIGTERM, &savedTerm, nullptr);
+    interruptsCaught = false;
+}
+
+bool KIVControl::interrupted() { return interruptSeen.load(); }
 
 // Starts the configured test and returns when it is over. Prints the parameter
 // report, builds one loop per device and runs it here (single-threaded) or in
@@ -113,6 +165,7 @@ int KIVControl::run() {
 
     if (statMode == 2) setupWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "1", TCL_GLOBAL_ONLY);
+    catchInterrupts();
     // The run's start, kept for a final statistics pass that comes before any
     // first pass (analyze takes it as the time base then).
     lastReportMs = getMS();
@@ -293,6 +346,7 @@ void KIVControl::finishLoop() {
     if (statMode == 2) finalizeWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
     running = false;
+    releaseInterrupts();
 
     // Every thread has lowered runcount by now, but may still be on its way out
     // of startThread: join it before its loop is destroyed.
@@ -361,6 +415,7 @@ void KIVControl::stopForExit() {
     }
     fflush(stdout);
     running = false;
+    releaseInterrupts();
 }
 
 // Shows one line through `puts "<text>"` in the interpreter. The text is

@@ -162,6 +162,17 @@ void KIVControl::analyze(bool final) {
     } else {
         stop = strtol(v, nullptr, 10) == 0;
     }
+    // An interrupt (Ctrl-C, SIGTERM) stops the test like kiv_run 0.
+    // Said once: the loops it stops are marked stopRequested.
+    if (!stop && interrupted()) {
+        bool first = false;
+        for (int i = 0; i < numDevices; i++)
+            if (loops[i] && !loops[i]->stopRequested.load(std::memory_order_relaxed)) first = true;
+        if (first)
+            print("KIV: <I> Interrupted: stopping the test "
+                  "(interrupt again within 2 seconds to quit)");
+        stop = true;
+    }
     if (stop) {
         for (int i = 0; i < numDevices; i++)
             if (loops[i]) loops[i]->requestStop();

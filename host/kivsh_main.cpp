@@ -1,10 +1,13 @@
 // kivsh_main.cpp: kivsh, a tclsh with the kiv host built in. `kivsh script.tcl
 // ?arg ...?` runs a script as tclsh does; with no script it reads commands from
 // standard input. Tk is loaded (its main window withdrawn) when a display is there.
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <tcl.h>
+#include <unistd.h>
 
 #include "KivHost.h"
 
@@ -43,10 +46,33 @@ int appInit(Tcl_Interp* interp) {
     return TCL_OK;
 }
 
+// Ctrl-C at the interactive prompt: the terminal has already dropped the line
+// being typed; start a fresh one with the prompt instead of ending the shell.
+// Only write(2), which is safe in a signal handler.
+void onPromptInterrupt(int) {
+    static const char fresh[] = "\n% ";
+    if (isatty(STDOUT_FILENO)) {
+        ssize_t n = write(STDOUT_FILENO, fresh, sizeof fresh - 1);
+        (void)n;
+    }
+}
+
+// With no script, kivsh reads commands: an interrupt there clears the line.
+// A kiv test installs its own handlers for the run and restores this one.
+void catchPromptInterrupts() {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onPromptInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (argc < 2) catchPromptInterrupts();
     Tcl_Main(argc, argv, appInit);
     return 0;
 }
