@@ -40,10 +40,10 @@ struct SenseFields {
 SenseFields parseSense(const unsigned char* sense, int senseLength) {
     SenseFields f;
     if (sense != nullptr && senseLength >= kMinParsedSense) {
-        SenseParser::getKey(sense, &f.key);
-        SenseParser::getCode(sense, &f.code);
-        SenseParser::getQual(sense, &f.qual);
-        SenseParser::getUec(sense, &f.uec);
+        SenseParser::getKey(sense, &f.key, senseLength);
+        SenseParser::getCode(sense, &f.code, senseLength);
+        SenseParser::getQual(sense, &f.qual, senseLength);
+        SenseParser::getUec(sense, &f.uec, senseLength);
     }
     return f;
 }
