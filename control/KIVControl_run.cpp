@@ -316,16 +316,20 @@ void KIVControl::reportWriteErr(const char* name, int& err) {
 
 // Pushes what the statistics log and the error log hold to their files, so a
 // run that is cut short loses at most one pass, and reports the first write of
-// either that failed. The error log is shared with the test threads: its
-// flush and failure record are taken under printMutex.
+// either that failed. The error log is shared with the test threads: stdio
+// locks the stream itself, so the flush runs outside printMutex (a reporting
+// thread never waits for the disk here); only the failure record is taken
+// under it.
 void KIVControl::flushRunLogs() {
     if (statLogfileName && statLogfile) {
         noteWrite(fflush(statLogfile), statLogWriteErr);
         reportWriteErr(statLogfileName, statLogWriteErr);
     }
     if (errLogfileName && errLogfile) {
+        int flushErr = 0;
+        noteWrite(fflush(errLogfile), flushErr);
         pthread_mutex_lock(&printMutex);
-        noteWrite(fflush(errLogfile), errLogWriteErr);
+        if (errLogWriteErr == 0) errLogWriteErr = flushErr;
         int err = errLogWriteErr;
         if (err > 0) errLogWriteErr = -1;
         pthread_mutex_unlock(&printMutex);
