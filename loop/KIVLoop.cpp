@@ -37,10 +37,11 @@ std::mutex& bufferMutex() {
     return m;
 }
 
-// Read buffers replaced while loops may still be reading into them.
+// Read buffers replaced while loops may still be reading into them. Never
+// destroyed, like read_buff itself: at exit they stay reachable.
 std::vector<uint8_t*>& retiredReadBuffers() {
-    static std::vector<uint8_t*> v;
-    return v;
+    static auto* v = new std::vector<uint8_t*>();
+    return *v;
 }
 
 // Turns one LBA bound of the configuration into an absolute LBA: a value in
