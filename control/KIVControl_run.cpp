@@ -40,7 +40,9 @@ int64_t monotonicMs() {
 
 // Notes the interrupt for the statistics pass; a repeat within two seconds
 // takes the signal's default action (the process ends as if never caught).
+// Leaves errno as it found it.
 void onInterrupt(int sig) {
+    const int savedErrno = errno;
     int64_t now = monotonicMs();
     if (interruptSeen.load() && now - interruptAtMs.load() < kSecondInterruptMs) {
         signal(sig, SIG_DFL);
@@ -49,6 +51,7 @@ void onInterrupt(int sig) {
     }
     interruptAtMs.store(now);
     interruptSeen.store(true);
+    errno = savedErrno;
 }
 }  // namespace
 

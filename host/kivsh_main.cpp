@@ -1,6 +1,7 @@
 // kivsh_main.cpp: kivsh, a tclsh with the kiv host built in. `kivsh script.tcl
 // ?arg ...?` runs a script as tclsh does; with no script it reads commands from
 // standard input. Tk is loaded (its main window withdrawn) when a display is there.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -46,20 +47,26 @@ int appInit(Tcl_Interp* interp) {
     return TCL_OK;
 }
 
+// Whether standard output is a terminal, decided before the handler is set.
+volatile sig_atomic_t promptOnTerminal = 0;
+
 // Ctrl-C at the interactive prompt: the terminal has already dropped the line
 // being typed; start a fresh one with the prompt instead of ending the shell.
-// Only write(2), which is safe in a signal handler.
+// Only write(2), which is safe in a signal handler; errno is left as found.
 void onPromptInterrupt(int) {
     static const char fresh[] = "\n% ";
-    if (isatty(STDOUT_FILENO)) {
+    if (promptOnTerminal) {
+        int saved = errno;
         ssize_t n = write(STDOUT_FILENO, fresh, sizeof fresh - 1);
         (void)n;
+        errno = saved;
     }
 }
 
 // With no script, kivsh reads commands: an interrupt there clears the line.
 // A kiv test installs its own handlers for the run and restores this one.
 void catchPromptInterrupts() {
+    promptOnTerminal = isatty(STDOUT_FILENO) ? 1 : 0;
     struct sigaction sa;
     std::memset(&sa, 0, sizeof sa);
     sa.sa_handler = onPromptInterrupt;
