@@ -67,6 +67,7 @@ KIVControl::KIVControl()
       secondsPerReport(0), elapsedSec(0), nextReportSec(0),
       statCallback(nullptr), errCallback(nullptr), statLogfileName(nullptr),
       statLogfile(nullptr), errLogfileName(nullptr), errLogfile(nullptr),
+      statLogWriteErr(0), errLogWriteErr(0), errStatWriteErr(0),
       statAppend(false), errorAppend(false), lastReportMs(0), runTime(0), statMode(0),
       statHeader(false), printErrors(false), errorHalt(false),
       testType(0), mixRatio(0.0f), testCmd(0), dataBufferIdx(-1), hwCompare(false),

@@ -47,6 +47,12 @@ public:
     FILE*    statLogfile;
     char*    errLogfileName;
     FILE*    errLogfile;
+    // First failed write of each output file of a run: an errno value while it
+    // waits to be reported, -1 once reported, 0 while every write succeeded.
+    // errLogWriteErr is guarded by printMutex (test threads write that log).
+    int      statLogWriteErr;
+    int      errLogWriteErr;
+    int      errStatWriteErr;
     bool     statAppend;
     bool     errorAppend;
     uint32_t lastReportMs;
@@ -160,12 +166,34 @@ public:
     static void* startThread(void* loop);
     void analyzeLoop();
     void finishLoop();
+    // Ends a run the process is leaving mid-way (exit from a script during the
+    // run): stops and joins the test threads, then flushes and closes the
+    // output files. Makes no Tcl call. Nothing to do when no test runs.
+    void stopForExit();
+    // SIGINT and SIGTERM during a run: the first stops the test as kiv_run 0
+    // would (the statistics pass sees interrupted()); a second within two
+    // seconds ends the process by the signal's default action. catch installs
+    // the handlers for the run, release restores the ones it replaced.
+    static void catchInterrupts();
+    static void releaseInterrupts();
+    static bool interrupted();
     void print(const char* text);
     // Shows user-supplied text literally (no Tcl substitution).
     void printLiteral(const char* text);
     void printThreaded(const char* text);
+    // Appends one line to the print buffer when printLen is at most `limit`;
+    // the caller holds printMutex.
+    void queueLineLocked(const char* text, size_t limit);
     int  tclEval(Tcl_Interp* interp, const char* script);
     uint32_t getMS();
+    // Records errno in `err` when a write's result `rc` is negative and no
+    // failure of that file is recorded yet.
+    static void noteWrite(int rc, int& err);
+    // Shows "KIV: <E> Could not write NAME: REASON" once for a recorded failure.
+    void reportWriteErr(const char* name, int& err);
+    // Flushes the statistics log and the error log and reports a first failure.
+    void flushRunLogs();
+    void closeRunFile(FILE*& file, char*& name, int& err);
 
     // Statistics (KIVControl_stats.cpp)
     void analyze(bool final);

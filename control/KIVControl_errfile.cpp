@@ -4,6 +4,8 @@
 // passes; the entries go into the error control table that testErr consults.
 #include "KIVControl.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +19,27 @@ bool isBlank(char c) { return c == ' ' || c == '\t'; }
 constexpr int kParseFailed = -13;
 // Result when the file cannot be opened.
 constexpr int kFileNotFound = -111;
+// Result for a path that is not a regular file, or a file past kMaxFileBytes.
+constexpr int kFileIO = -112;
+// No useful error control file comes near this size (255 entries of a few
+// dozen characters, plus comments); reading stops here.
+constexpr long kMaxFileBytes = 1 << 20;
+
+// Reads one line of at most `size` - 1 characters into `buf` as fgets does
+// (stopping after a line feed), but returns its length so that a NUL byte is
+// a character like any other. Adds the bytes read to `total`. Returns false at
+// end of file with nothing read.
+bool readLine(FILE* f, char* buf, size_t size, size_t& len, long& total) {
+    len = 0;
+    int c = 0;
+    while (len + 1 < size && (c = getc(f)) != EOF) {
+        buf[len++] = (char)c;
+        if (c == '\n') break;
+    }
+    buf[len] = '\0';
+    total += (long)len;
+    return len > 0;
+}
 
 }  // namespace
 
@@ -93,18 +116,36 @@ void KIVControl::processUEC(char c1, char c2, char c3, char c4, bool halt) {
 }
 
 // Reads the error control file at `path` and appends its entries to the table.
-// Returns 0 on success, -111 when the file cannot be opened, -13 at the first
-// malformed line (entries read before it stay in the table). Messages go to the
-// process's stdout.
+// Returns 0 on success, -111 when the file cannot be opened, -112 when it is
+// not a regular file (a directory, a device, a pipe) or is longer than
+// kMaxFileBytes, -13 at the first malformed line (entries read before it stay
+// in the table). Messages go to the process's stdout.
 int KIVControl::parseErrorFile(const char* path) {
     FILE* f = (path != nullptr) ? fopen(path, "r") : nullptr;
     if (f == nullptr) return kFileNotFound;
+    struct stat st;
+    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+        printf("<E> Error file %s is not a regular file\n", path);
+        fflush(stdout);
+        fclose(f);
+        return kFileIO;
+    }
 
     // A line longer than the buffer is read on as a line of its own.
     char buf[256];
+    size_t len = 0;
+    long total = 0;
     int result = 0;
-    while (result == 0 && fgets(buf, sizeof buf, f) != nullptr) {
-        if (buf[0] == '\0' || buf[1] == '\0') continue;
+    while (result == 0 && readLine(f, buf, sizeof buf, len, total)) {
+        // Checked as the bytes come, not from the size: some files (in /proc,
+        // say) report one size and hold another.
+        if (total > kMaxFileBytes) {
+            printf("<E> Error file %s is longer than %ld bytes, stopped reading\n", path,
+                   kMaxFileBytes);
+            result = kFileIO;
+            break;
+        }
+        if (len < 2) continue;
 
         bool inFields = false;
         bool halt = false;
@@ -114,7 +155,7 @@ int KIVControl::parseErrorFile(const char* path) {
         int field = 0;
         size_t i = 0;
         // The line's final character (normally its newline) is never examined.
-        while (buf[i] != '\0' && buf[i + 1] != '\0') {
+        while (i + 1 < len) {
             char c = buf[i];
             if (isBlank(c)) {
                 ++i;

@@ -40,10 +40,10 @@ struct SenseFields {
 SenseFields parseSense(const unsigned char* sense, int senseLength) {
     SenseFields f;
     if (sense != nullptr && senseLength >= kMinParsedSense) {
-        SenseParser::getKey(sense, &f.key);
-        SenseParser::getCode(sense, &f.code);
-        SenseParser::getQual(sense, &f.qual);
-        SenseParser::getUec(sense, &f.uec);
+        SenseParser::getKey(sense, &f.key, senseLength);
+        SenseParser::getCode(sense, &f.code, senseLength);
+        SenseParser::getQual(sense, &f.qual, senseLength);
+        SenseParser::getUec(sense, &f.uec, senseLength);
     }
     return f;
 }
@@ -53,8 +53,8 @@ SenseFields parseSense(const unsigned char* sense, int senseLength) {
 // Reports, counts and judges one failed command of `loop`. Everything runs
 // under printMutex, which also serialises the static buffers below. Leaves
 // loop->running false when the error control table (or, with an empty table,
-// errorHalt) says halt, true when a PASS entry matched, and false on any
-// timeout. Makes no Tcl call: the report waits in the print buffer for checkErr.
+// errorHalt) says halt, true when a PASS entry matched (unless the run was
+// stopped for good), and false on any timeout. Makes no Tcl call: the report waits in the print buffer for checkErr.
 void KIVControl::testErr(KIVLoop* loop, int status, unsigned char* sense, int senseLength,
                          CDBStruct* record) {
     static char tbuff[255];
@@ -69,15 +69,10 @@ void KIVControl::testErr(KIVLoop* loop, int status, unsigned char* sense, int se
     // Shows the line on the display (same rule as printThreaded, lock already
     // held) and writes it to the error log.
     auto emit = [this](const char* text) {
-        if (printErrors && printLen < kPrintBufLimit) {
-            size_t len = strlen(text);
-            memcpy(printBuf + printLen, text, len);
-            printBuf[printLen + len] = '\n';
-            printBuf[printLen + len + 1] = '\0';
-            // checkErr peeks at the length without the lock: one relaxed atomic store.
-            __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
-        }
-        if (errLogfileName != nullptr && errLogfile != nullptr) fprintf(errLogfile, "%s\n", text);
+        // Report lines stop at 65000 characters, one before printThreaded's lines.
+        if (printErrors) queueLineLocked(text, kPrintBufLimit - 1);
+        if (errLogfileName != nullptr && errLogfile != nullptr)
+            noteWrite(fprintf(errLogfile, "%s\n", text), errLogWriteErr);
     };
 
     if (sense == nullptr) senseLength = 0;
@@ -96,7 +91,7 @@ void KIVControl::testErr(KIVLoop* loop, int status, unsigned char* sense, int se
         emit(tbuff);
 
         if (status == kStatusTimeout && errLogfileName != nullptr && errLogfile != nullptr)
-            fputs("---Timeout Occurred---\n", errLogfile);
+            noteWrite(fputs("---Timeout Occurred---\n", errLogfile), errLogWriteErr);
 
         if (status == kStatusCheck) {
             emit("Sense Data:");
@@ -133,7 +128,9 @@ void KIVControl::testErr(KIVLoop* loop, int status, unsigned char* sense, int se
         for (int i = 0; i < kcqCount; ++i) {
             if ((f.key & kcqKeyMask[i]) == kcqKey[i] && (f.code & kcqCodeMask[i]) == kcqCode[i] &&
                 (f.qual & kcqQualMask[i]) == kcqQual[i] && (f.uec & kcqUecMask[i]) == kcqUec[i]) {
-                loop->running.store(!kcqHalt[i]);
+                // PASS restarts a loop an earlier error halted, never one the
+                // statistics pass has stopped.
+                loop->running.store(!kcqHalt[i] && !loop->stopRequested.load());
                 break;
             }
         }
@@ -174,13 +171,16 @@ void KIVControl::checkErr() {
 // key in table order) and empties the statistics and the window's row map.
 void KIVControl::generateStatFile() {
     if (errStatFile != nullptr) {
-        fprintf(errStatFile, "%4s %11s %6s %11s %14s %17s\n", "Indx", "Key", "Code", "Qualifier",
-                "UEC", "Errors");
-        for (int i = 0; i < 69; ++i) fputc('-', errStatFile);
-        fputc('\n', errStatFile);
+        int& err = errStatWriteErr;
+        noteWrite(fprintf(errStatFile, "%4s %11s %6s %11s %14s %17s\n", "Indx", "Key", "Code",
+                          "Qualifier", "UEC", "Errors"),
+                  err);
+        for (int i = 0; i < 69; ++i) noteWrite(fputc('-', errStatFile), err);
+        noteWrite(fputc('\n', errStatFile), err);
         for (int i = errStats->nextIndex(-1); i != -1; i = errStats->nextIndex(i)) {
-            fprintf(errStatFile, "%s %17lu\n", errStats->getIndexKey(i),
-                    (unsigned long)(uintptr_t)errStats->getIndexVal(i));
+            noteWrite(fprintf(errStatFile, "%s %17lu\n", errStats->getIndexKey(i),
+                              (unsigned long)(uintptr_t)errStats->getIndexVal(i)),
+                      err);
         }
     }
     errStats->removeAll();

@@ -4,8 +4,11 @@
 // the millisecond clock that every part of the test uses.
 #include "KIVControl.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -19,7 +22,60 @@ const size_t kPutsPrefixLen = 6;
 const size_t kPrintLimit = 65000;
 // Time the interpreter's thread waits between drains of the print buffer.
 const useconds_t kPollSleepUs = 250000;
+
+// Interrupt state shared with the signal handler: lock-free atomics only.
+std::atomic<bool>    interruptSeen{false};
+std::atomic<int64_t> interruptAtMs{0};
+// A second interrupt this soon after the first ends the process.
+constexpr int64_t kSecondInterruptMs = 2000;
+struct sigaction savedInt, savedTerm;
+bool interruptsCaught = false;
+
+// Monotonic milliseconds; clock_gettime is safe in a signal handler.
+int64_t monotonicMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Notes the interrupt for the statistics pass; a repeat within two seconds
+// takes the signal's default action (the process ends as if never caught).
+// Leaves errno as it found it.
+void onInterrupt(int sig) {
+    const int savedErrno = errno;
+    int64_t now = monotonicMs();
+    if (interruptSeen.load() && now - interruptAtMs.load() < kSecondInterruptMs) {
+        signal(sig, SIG_DFL);
+        raise(sig);
+        return;
+    }
+    interruptAtMs.store(now);
+    interruptSeen.store(true);
+    errno = savedErrno;
+}
 }  // namespace
+
+void KIVControl::catchInterrupts() {
+    interruptSeen.store(false);
+    if (interruptsCaught) return;
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, &savedInt);
+    sigaction(SIGTERM, &sa, &savedTerm);
+    interruptsCaught = true;
+}
+
+void KIVControl::releaseInterrupts() {
+    if (!interruptsCaught) return;
+    sigaction(SIGINT, &savedInt, nullptr);
+    sigaction(SIGTERM, &savedTerm, nullptr);
+    interruptsCaught = false;
+}
+
+bool KIVControl::interrupted() { return interruptSeen.load(); }
 
 // Starts the configured test and returns when it is over. Prints the parameter
 // report, builds one loop per device and runs it here (single-threaded) or in
@@ -84,6 +140,24 @@ int KIVControl::run() {
             running = false;
         }
     }
+    // Every loop shares the one read buffer: size it for the largest transfer
+    // of any loop now, so no loop replaces it while another has reads in flight.
+    // Memory that cannot be had refuses the run: reads would overrun the buffer.
+    KIVLoop::releaseRetiredReadBuffers();
+    for (int i = 0; running && i < numDevices; i++) {
+        KIVLoop* l = loops[i];
+        if (!KIVLoop::reserveReadBuffer(l->readBufferNeed())) {
+            char msg[160];
+            snprintf(msg, sizeof msg,
+                     "KIV: <E> Could not allocate a read buffer of %llu bytes for device %d, "
+                     "Out Of Memory",
+                     (unsigned long long)l->readBufferNeed(), devices[i]);
+            print(msg);
+            print("Aborted KIV Due To Setup Problem (See above)");
+            running = false;
+            break;
+        }
+    }
     if (!running) {
         for (int i = 0; i < numDevices; i++) {
             delete loops[i];
@@ -92,15 +166,9 @@ int KIVControl::run() {
         return 0;
     }
 
-    // Every loop shares the one read buffer: size it for the largest transfer
-    // of any loop now, so no loop replaces it while another has reads in flight.
-    for (int i = 0; i < numDevices; i++) {
-        KIVLoop* l = loops[i];
-        KIVLoop::reserveReadBuffer((uint64_t)l->blockSize * l->maxTL + 1000);
-    }
-
     if (statMode == 2) setupWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "1", TCL_GLOBAL_ONLY);
+    catchInterrupts();
     // The run's start, kept for a final statistics pass that comes before any
     // first pass (analyze takes it as the time base then).
     lastReportMs = getMS();
@@ -144,6 +212,9 @@ int KIVControl::run() {
 // file) and writes the statistics header to the terminal and the log. A file
 // that cannot be opened is reported and its name dropped; the run goes on.
 void KIVControl::initLoop() {
+    statLogWriteErr = 0;
+    errLogWriteErr = 0;
+    errStatWriteErr = 0;
     if (statLogfileName) {
         statLogfile = fopen(statLogfileName, statAppend ? "a" : "w");
         if (!statLogfile) {
@@ -180,7 +251,7 @@ void KIVControl::initLoop() {
             print("");
         }
         if (statLogfileName) {
-            fprintf(statLogfile, "%s\n%s\n", header, rule);
+            noteWrite(fprintf(statLogfile, "%s\n%s\n", header, rule), statLogWriteErr);
         }
     }
 }
@@ -219,33 +290,70 @@ void KIVControl::analyzeLoop() {
     finishLoop();
 }
 
-namespace {
-// Flushes and closes a run's output file (when it was opened) and releases
-// its name, leaving both fields null.
-void closeRunFile(FILE*& file, char*& name) {
+// Flushes and closes a run's output file (when it was opened), reports a first
+// failed write (`err`) not yet shown, and releases the name, leaving both
+// fields null.
+void KIVControl::closeRunFile(FILE*& file, char*& name, int& err) {
     if (file) {
-        fflush(file);
-        fclose(file);
+        noteWrite(fflush(file), err);
+        noteWrite(fclose(file), err);
     }
+    reportWriteErr(name, err);
     file = nullptr;
     free(name);
     name = nullptr;
 }
-}  // namespace
+
+void KIVControl::noteWrite(int rc, int& err) {
+    if (rc < 0 && err == 0) err = errno != 0 ? errno : EIO;
+}
+
+void KIVControl::reportWriteErr(const char* name, int& err) {
+    if (err <= 0) return;
+    char msg[600];
+    snprintf(msg, sizeof msg, "KIV: <E> Could not write %.400s: %s", name ? name : "?",
+             strerror(err));
+    err = -1;
+    printLiteral(msg);
+}
+
+// Pushes what the statistics log and the error log hold to their files, so a
+// run that is cut short loses at most one pass, and reports the first write of
+// either that failed. The error log is shared with the test threads: stdio
+// locks the stream itself, so the flush runs outside printMutex (a reporting
+// thread never waits for the disk here); only the failure record is taken
+// under it.
+void KIVControl::flushRunLogs() {
+    if (statLogfileName && statLogfile) {
+        noteWrite(fflush(statLogfile), statLogWriteErr);
+        reportWriteErr(statLogfileName, statLogWriteErr);
+    }
+    if (errLogfileName && errLogfile) {
+        int flushErr = 0;
+        noteWrite(fflush(errLogfile), flushErr);
+        pthread_mutex_lock(&printMutex);
+        if (errLogWriteErr == 0) errLogWriteErr = flushErr;
+        int err = errLogWriteErr;
+        if (err > 0) errLogWriteErr = -1;
+        pthread_mutex_unlock(&printMutex);
+        reportWriteErr(errLogfileName, err);
+    }
+}
 
 // Ends a run in either mode: closes the files (writing the error statistics),
 // finishes the window, sets kiv_run to 0, joins the test threads, destroys the
 // loops, shows what is left in the print buffer and says the test is complete.
 void KIVControl::finishLoop() {
-    if (statLogfileName) closeRunFile(statLogfile, statLogfileName);
-    if (errLogfileName) closeRunFile(errLogfile, errLogfileName);
+    if (statLogfileName) closeRunFile(statLogfile, statLogfileName, statLogWriteErr);
+    if (errLogfileName) closeRunFile(errLogfile, errLogfileName, errLogWriteErr);
     if (errStatFileName) {
         if (errStatFile) generateStatFile();
-        closeRunFile(errStatFile, errStatFileName);
+        closeRunFile(errStatFile, errStatFileName, errStatWriteErr);
     }
     if (statMode == 2) finalizeWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
     running = false;
+    releaseInterrupts();
 
     // Every thread has lowered runcount by now, but may still be on its way out
     // of startThread: join it before its loop is destroyed.
@@ -261,6 +369,60 @@ void KIVControl::finishLoop() {
     }
     checkErr();
     print("KIV: test complete\\n");
+}
+
+// Called from the interpreter's exit handler, on the interpreter's thread: in a
+// multi-threaded run that is inside analyzeLoop (an "update" ran the script
+// that exits), in a single-threaded run inside the loop itself. The process
+// ends right after, so the single loop is never resumed; test threads must be
+// gone before the static objects they use are destroyed. Queued lines and
+// write failures go straight to standard output: the interpreter is on its
+// way out.
+void KIVControl::stopForExit() {
+    if (!running) return;
+    for (int i = 0; i < numDevices; i++)
+        if (loops[i]) loops[i]->requestStop();
+    if (threadMode) {
+        // Each loop drains what it has in flight; a device that never answers
+        // times its commands out, so this ends. The bound only guards a wedge.
+        for (int waited = 0; runcount.load() != 0 && waited < 30000; waited++) usleep(1000);
+        if (runcount.load() == 0) {
+            for (int i = 0; i < numDevices; i++) {
+                if (threadCreated[i]) {
+                    pthread_join(threads[i], nullptr);
+                    threadCreated[i] = false;
+                }
+                delete loops[i];
+                loops[i] = nullptr;
+            }
+        }
+    }
+    pthread_mutex_lock(&printMutex);
+    if (printBuf && printLen > kPutsPrefixLen) fputs(printBuf + kPutsPrefixLen, stdout);
+    printLen = kPutsPrefixLen;
+    pthread_mutex_unlock(&printMutex);
+
+    auto close = [](FILE*& file, char*& name, int& err) {
+        if (file) {
+            noteWrite(fflush(file), err);
+            noteWrite(fclose(file), err);
+            if (err > 0) printf("KIV: <E> Could not write %s: %s\n", name, strerror(err));
+        }
+        file = nullptr;
+        free(name);
+        name = nullptr;
+    };
+    if (statLogfileName) close(statLogfile, statLogfileName, statLogWriteErr);
+    pthread_mutex_lock(&printMutex);
+    if (errLogfileName) close(errLogfile, errLogfileName, errLogWriteErr);
+    pthread_mutex_unlock(&printMutex);
+    if (errStatFileName) {
+        if (errStatFile) generateStatFile();
+        close(errStatFile, errStatFileName, errStatWriteErr);
+    }
+    fflush(stdout);
+    running = false;
+    releaseInterrupts();
 }
 
 // Shows one line through `puts "<text>"` in the interpreter. The text is
@@ -296,19 +458,24 @@ void KIVControl::printLiteral(const char* text) {
 // dropped.
 void KIVControl::printThreaded(const char* text) {
     pthread_mutex_lock(&printMutex);
-    if (printBuf && printLen <= kPrintLimit) {
-        size_t len = strlen(text);
-        // Callers pass short lines; the cap only guards the buffer's end.
-        const size_t cap = 65535 - printLen - 2;
-        if (len > cap) len = cap;
-        memcpy(printBuf + printLen, text, len);
-        printBuf[printLen + len] = '\n';
-        printBuf[printLen + len + 1] = '\0';
-        // checkErr peeks at the length without the lock to skip empty drains;
-        // store it as one relaxed atomic word so that peek is well defined.
-        __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
-    }
+    queueLineLocked(text, kPrintLimit);
     pthread_mutex_unlock(&printMutex);
+}
+
+// Copies the text and a line feed to the end of the print buffer, keeping it
+// terminated, when printLen is at most `limit`; otherwise drops the line. The
+// caller holds printMutex. A text longer than the room left is cut short.
+void KIVControl::queueLineLocked(const char* text, size_t limit) {
+    if (!printBuf || printLen > limit) return;
+    size_t len = strlen(text);
+    const size_t cap = 65535 - printLen - 2;
+    if (len > cap) len = cap;
+    memcpy(printBuf + printLen, text, len);
+    printBuf[printLen + len] = '\n';
+    printBuf[printLen + len + 1] = '\0';
+    // checkErr peeks at the length without the lock to skip empty drains;
+    // store it as one relaxed atomic word so that peek is well defined.
+    __atomic_store_n(&printLen, printLen + len + 1, __ATOMIC_RELAXED);
 }
 
 // Evaluates a script and returns its Tcl code; a failure is reported on the

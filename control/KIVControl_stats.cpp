@@ -4,6 +4,8 @@
 // callback; and the end-of-run checks (run time, kiv_run) that follow it.
 #include "KIVControl.h"
 
+#include <cinttypes>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -49,7 +51,10 @@ void KIVControl::analyze(bool final) {
     elapsedSec = (int32_t)now / 1000 - (int32_t)time_start / 1000;
 
     if (elapsedSec >= nextReportSec || final) {
-        nextReportSec = elapsedSec + secondsPerReport;
+        // Worked in 64 bits: a report spacing near INT_MAX must not wrap the
+        // next due second into the past (a report every pass).
+        int64_t next = (int64_t)elapsedSec + secondsPerReport;
+        nextReportSec = next > INT_MAX ? INT_MAX : next < INT_MIN ? INT_MIN : (int)next;
 
         for (int i = 0; i < numDevices; i++) {
             KIVLoop* l = loops[i];
@@ -62,10 +67,14 @@ void KIVControl::analyze(bool final) {
             if (!l) continue;
             if (!((int32_t)now > (int32_t)lastReportMs)) lastReportMs = now - 1;
             int32_t intervalMs = (int32_t)(now - lastReportMs);
-            int32_t opsPerSec = (int32_t)(curOps[i] - prevOps[i]) * 1000 / intervalMs;
+            // 64-bit product: a fast device completes more than 2^31 / 1000
+            // commands in one interval, where 32-bit arithmetic would wrap.
+            uint64_t opsPerSec = (uint64_t)(uint32_t)(curOps[i] - prevOps[i]) * 1000u /
+                                 (uint64_t)intervalMs;
             float mbPerSec = (float)(curBlocks[i] - prevBlocks[i]) * 512 / 1000 / intervalMs;
-            unsigned whole = (unsigned)mbPerSec;
-            unsigned hundredths = (unsigned)((double)mbPerSec * 100.0) - whole * 100;
+            // 64-bit too: hundredths of a fast device's rate exceed 2^32.
+            uint64_t whole = (uint64_t)mbPerSec;
+            uint64_t hundredths = (uint64_t)((double)mbPerSec * 100.0) - whole * 100;
 
             uint32_t cmd = l->lastCmd.load(std::memory_order_relaxed);
             const char* cmdName = cmd < 5 ? cmdstr[cmd] : "???";
@@ -74,11 +83,12 @@ void KIVControl::analyze(bool final) {
             uint32_t errs = (uint32_t)l->errCount.load(std::memory_order_relaxed);
             bool loopRunning = l->running.load(std::memory_order_relaxed);
 
-            snprintf(tbuff, sizeof tbuff, "%4u %5s %3s %9u %9zu %4zu %4u %8u %3u.%02u %7u",
+            snprintf(tbuff, sizeof tbuff, "%4u %5s %3s %9u %9zu %4zu %4u %8" PRIu64 " %3" PRIu64 ".%02" PRIu64 " %7u",
                      l->deviceIdx, testLabel, cmdName, curOps[i], (size_t)lba, (size_t)tl,
-                     (unsigned)elapsedSec, (unsigned)opsPerSec, whole, hundredths, errs);
+                     (unsigned)elapsedSec, opsPerSec, whole, hundredths, errs);
 
-            if (statLogfileName && statLogfile) fprintf(statLogfile, "%s\n", tbuff);
+            if (statLogfileName && statLogfile)
+                noteWrite(fprintf(statLogfile, "%s\n", tbuff), statLogWriteErr);
 
             if (statMode == 1) {
                 print(tbuff);
@@ -115,7 +125,7 @@ void KIVControl::analyze(bool final) {
                 Tcl_SetVar2(interp, "kiv_last_tl", nullptr, tbuff, 0);
                 snprintf(tbuff, sizeof tbuff, "%u", (unsigned)elapsedSec);
                 Tcl_SetVar2(interp, "kiv_time", nullptr, tbuff, 0);
-                snprintf(tbuff, sizeof tbuff, "%u", (unsigned)opsPerSec);
+                snprintf(tbuff, sizeof tbuff, "%" PRIu64, opsPerSec);
                 Tcl_SetVar2(interp, "kiv_ops_per_sec", nullptr, tbuff, 0);
                 // The variable rounds where the line truncates.
                 snprintf(tbuff, sizeof tbuff, "%3.2f", (double)mbPerSec);
@@ -132,15 +142,16 @@ void KIVControl::analyze(bool final) {
         tclEval(interp, "update");
         if (numDevices > 1) {
             if (statMode != 2) print("");
-            if (statLogfileName && statLogfile) fputc('\n', statLogfile);
+            if (statLogfileName && statLogfile) noteWrite(fputc('\n', statLogfile), statLogWriteErr);
         }
         lastReportMs = now;
     }
 
     // End-of-run checks: run time, then the stop request through kiv_run.
+    // These stops are final (requestStop): a later PASS decision cannot undo them.
     if (runTime != 0 && elapsedSec >= runTime) {
         for (int i = 0; i < numDevices; i++)
-            if (loops[i]) loops[i]->running.store(false, std::memory_order_relaxed);
+            if (loops[i]) loops[i]->requestStop();
     }
     const char* v = Tcl_GetVar2(interp, "kiv_run", nullptr, TCL_GLOBAL_ONLY);
     bool stop;
@@ -151,8 +162,20 @@ void KIVControl::analyze(bool final) {
     } else {
         stop = strtol(v, nullptr, 10) == 0;
     }
+    // An interrupt (Ctrl-C, SIGTERM) stops the test like kiv_run 0.
+    // Said once: the loops it stops are marked stopRequested.
+    if (!stop && interrupted()) {
+        bool first = false;
+        for (int i = 0; i < numDevices; i++)
+            if (loops[i] && !loops[i]->stopRequested.load(std::memory_order_relaxed)) first = true;
+        if (first)
+            print("KIV: <I> Interrupted: stopping the test "
+                  "(interrupt again within 2 seconds to quit)");
+        stop = true;
+    }
     if (stop) {
         for (int i = 0; i < numDevices; i++)
-            if (loops[i]) loops[i]->running.store(false, std::memory_order_relaxed);
+            if (loops[i]) loops[i]->requestStop();
     }
+    flushRunLogs();
 }

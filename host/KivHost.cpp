@@ -88,6 +88,9 @@ int KivHost::loadExtension() {
                                                 path.c_str()));
         return TCL_ERROR;
     }
+    // An extension without the query cannot say it runs; the mqb command then
+    // has nothing to refuse on, as before the query existed.
+    testRunning_ = reinterpret_cast<int (*)()>(dlsym(lib, "kivTestRunning"));
     int rc = entry(manager_.get(), nullptr, interp_);
     if (rc != 0) {
         Tcl_AppendResult(interp_, " (kiv extension entry failed)", nullptr);

@@ -26,6 +26,9 @@ public:
     static KivHost* of(Tcl_Interp* interp);
 
     MQBManager& manager() { return *manager_; }
+    // True while a kiv test of the loaded extension runs (false before the
+    // extension is loaded).
+    bool testRunning() const { return testRunning_ != nullptr && testRunning_() != 0; }
     Tcl_Interp* interp() const { return interp_; }
 
     // Where the extension library is looked for: $KIV_LIBRARY (a file, or a
@@ -38,6 +41,7 @@ private:
 
     Tcl_Interp* interp_;
     std::unique_ptr<MQBManager> manager_;
+    int (*testRunning_)() = nullptr;  // the extension's kivTestRunning
 };
 
 // The package entry `load libkivhost.so Kivhost` calls: fills the library's

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -99,6 +100,13 @@ bool parseHexByte(const char* text, uint8_t& out) {
 
 MQB* currentChannel(KivHost* host) { return host->manager().getCurrentMQB(); }
 
+// A running test sends through the manager's channel (single-threaded) or
+// cloned it from there: replacing, closing or redirecting that channel under
+// it is refused. Returns TCL_OK when no test runs.
+int refuseWhileRunning(KivHost* host, Tcl_Interp* interp) {
+    return host->testRunning() ? fail(interp, "a kiv test is running") : TCL_OK;
+}
+
 int requireChannel(Tcl_Interp* interp, MQB* m) {
     return m ? TCL_OK : fail(interp, "no MQB loaded: use \"mqb open\" first");
 }
@@ -153,6 +161,7 @@ int cmdInfo(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 
 int cmdSelect(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 3) { Tcl_WrongNumArgs(interp, 2, objv, "IDX"); return TCL_ERROR; }
+    if (refuseWhileRunning(host, interp) != TCL_OK) return TCL_ERROR;
     MQB* m = currentChannel(host);
     if (requireChannel(interp, m) != TCL_OK) return TCL_ERROR;
     int idx;
@@ -176,6 +185,7 @@ int cmdDriver(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
     MQB* m = currentChannel(host);
     if (requireChannel(interp, m) != TCL_OK) return TCL_ERROR;
     if (objc == 3) {
+        if (refuseWhileRunning(host, interp) != TCL_OK) return TCL_ERROR;
         std::string name = Tcl_GetString(objv[2]);
         if (name.empty() || name.find(':') != std::string::npos)
             return fail(interp, "bad driver name \"" + name + "\"");
@@ -190,6 +200,7 @@ int cmdDriver(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
 // selecting device 0 so the extension finds a device at once.
 int cmdOpen(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc > 3) { Tcl_WrongNumArgs(interp, 2, objv, "?DRIVER?"); return TCL_ERROR; }
+    if (refuseWhileRunning(host, interp) != TCL_OK) return TCL_ERROR;
     std::string name = objc == 3 ? Tcl_GetString(objv[2]) : "sim";
     if (name.empty() || name.find(':') != std::string::npos)
         return fail(interp, "bad driver name \"" + name + "\"");
@@ -202,6 +213,7 @@ int cmdOpen(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) 
 
 int cmdClose(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 2) { Tcl_WrongNumArgs(interp, 2, objv, nullptr); return TCL_ERROR; }
+    if (refuseWhileRunning(host, interp) != TCL_OK) return TCL_ERROR;
     host->manager().setCurrentMQB(nullptr);
     Tcl_ResetResult(interp);
     return TCL_OK;
@@ -504,6 +516,7 @@ int cmdReset(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 
 int cmdClone(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc > 3) { Tcl_WrongNumArgs(interp, 2, objv, "?BOOL?"); return TCL_ERROR; }
+    if (refuseWhileRunning(host, interp) != TCL_OK) return TCL_ERROR;
     MQB* m = currentChannel(host);
     if (requireChannel(interp, m) != TCL_OK) return TCL_ERROR;
     if (objc == 3) {
@@ -523,7 +536,10 @@ int cmdVersion(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 
 }  // namespace
 
-int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+namespace {
+
+// Dispatches one mqb subcommand (see mqbObjCmd).
+int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static const char* const subs[] = {"add", "buffer", "clone", "close", "current", "devices",
                                        "driver", "fault", "info", "lock", "open", "recvbuffer",
                                        "reset", "select", "sendbuffer", "stats", "trace", "version",
@@ -556,6 +572,20 @@ int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* cons
     case VERSION:    return cmdVersion(interp, objc, objv);
     }
     return TCL_ERROR;
+}
+
+}  // namespace
+
+// The mqb command. No C++ exception (a failed allocation, a library error)
+// leaves it: each becomes a Tcl error naming the subcommand.
+int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    try {
+        return mqbDispatch(clientData, interp, objc, objv);
+    } catch (const std::exception& e) {
+        return fail(interp, std::string("mqb: internal error: ") + e.what());
+    } catch (...) {
+        return fail(interp, "mqb: internal error");
+    }
 }
 
 int registerMqbCommand(Tcl_Interp* interp, KivHost* host) {

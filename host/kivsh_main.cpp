@@ -2,11 +2,14 @@
 // ?arg ...?` runs a script as tclsh does; with no script it reads commands from
 // standard input. Tk is loaded (its main window withdrawn) when a display is there.
 // `kivsh --version` prints the version and exits.
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <tcl.h>
+#include <unistd.h>
 
 #include "KivHost.h"
 #include "kiv_version.h"
@@ -46,6 +49,34 @@ int appInit(Tcl_Interp* interp) {
     return TCL_OK;
 }
 
+// Whether standard output is a terminal, decided before the handler is set.
+volatile sig_atomic_t promptOnTerminal = 0;
+
+// Ctrl-C at the interactive prompt: the terminal has already dropped the line
+// being typed; start a fresh one with the prompt instead of ending the shell.
+// Only write(2), which is safe in a signal handler; errno is left as found.
+void onPromptInterrupt(int) {
+    static const char fresh[] = "\n% ";
+    if (promptOnTerminal) {
+        int saved = errno;
+        ssize_t n = write(STDOUT_FILENO, fresh, sizeof fresh - 1);
+        (void)n;
+        errno = saved;
+    }
+}
+
+// With no script, kivsh reads commands: an interrupt there clears the line.
+// A kiv test installs its own handlers for the run and restores this one.
+void catchPromptInterrupts() {
+    promptOnTerminal = isatty(STDOUT_FILENO) ? 1 : 0;
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onPromptInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -54,6 +85,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (argc < 2) catchPromptInterrupts();
     Tcl_Main(argc, argv, appInit);
     return 0;
 }

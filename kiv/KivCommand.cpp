@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "CDBStruct.h"
 #include "HelpFormatter.h"
@@ -280,16 +281,24 @@ int applyOption(int i, int argc, const char* argv[], unsigned int pct[4],
 // interpreter cannot provide Tcl 8.6.
 extern "C" int run(MQBManager* manager, void* /*unused*/, Tcl_Interp* interp) {
     if (Tcl_InitStubs(interp, "8.6", 0) == nullptr) return 1;
+    // `exit` from a script during a run (an after event, a callback) would
+    // otherwise destroy the process's static objects under the test threads.
+    static bool exitHandlerSet = false;
+    if (!exitHandlerSet) {
+        Tcl_CreateExitHandler([](ClientData) { control.stopForExit(); }, nullptr);
+        exitHandlerSet = true;
+    }
     Tcl_CreateCommand(interp, "kiv", kiv, (ClientData)manager, nullptr);
     Tcl_SetResult(interp, (char*)"kiv command added", TCL_STATIC);
     return 0;
 }
 
-// The kiv command: refuses while a test runs, resets the configuration, applies
-// the options left to right and runs the test. Returns TCL_OK after the run or
-// after -help; TCL_ERROR, with no test run, at the first bad option (options
-// before it stay applied until the next call resets them).
-int kiv(ClientData clientData, Tcl_Interp* interp, int argc, const char* argv[]) {
+extern "C" int kivTestRunning(void) { return control.isRunning() ? 1 : 0; }
+
+namespace {
+
+// The body of the kiv command (see kiv below).
+int kivCommand(ClientData clientData, Tcl_Interp* interp, int argc, const char* argv[]) {
     if (control.isRunning()) {
         setStatic(interp, kAlreadyRunning);
         return TCL_ERROR;
@@ -311,6 +320,25 @@ int kiv(ClientData clientData, Tcl_Interp* interp, int argc, const char* argv[])
     }
     control.run();
     return TCL_OK;
+}
+
+}  // namespace
+
+// The kiv command: refuses while a test runs, resets the configuration, applies
+// the options left to right and runs the test. Returns TCL_OK after the run or
+// after -help; TCL_ERROR, with no test run, at the first bad option (options
+// before it stay applied until the next call resets them). A C++ exception
+// (an allocation that failed, say) never leaves the command: it becomes a Tcl
+// error.
+int kiv(ClientData clientData, Tcl_Interp* interp, int argc, const char* argv[]) {
+    try {
+        return kivCommand(clientData, interp, argc, argv);
+    } catch (const std::exception& e) {
+        Tcl_SetObjResult(interp, Tcl_ObjPrintf("kiv: internal error: %s", e.what()));
+    } catch (...) {
+        Tcl_SetObjResult(interp, Tcl_NewStringObj("kiv: internal error", -1));
+    }
+    return TCL_ERROR;
 }
 
 // Hands the summary, description, examples and option table to the help

@@ -6,9 +6,13 @@ class MQBManager;
 
 // The entry the host calls after loading the library: registers `kiv` with the
 // manager as client data and sets the result "kiv command added". Returns 0.
-// The one symbol the library exports (it is built with hidden visibility).
-extern "C" __attribute__((visibility("default")))
-int run(MQBManager* manager, void* unused, Tcl_Interp* interp);
+// The library is built with hidden visibility; these are its exports.
+extern "C" __attribute__((visibility("default"))) int run(MQBManager* manager, void* unused,
+                                                           Tcl_Interp* interp);
+
+// 1 while a kiv test runs (from its set-up to its end), else 0. The host asks
+// this before it changes the channel a running test may be using.
+extern "C" __attribute__((visibility("default"))) int kivTestRunning(void);
 
 // The kiv command procedure (string-based form of Tcl_CreateCommand).
 int kiv(ClientData clientData, Tcl_Interp* interp, int argc, const char* argv[]);

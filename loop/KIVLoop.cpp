@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "DeviceInfo.h"
 #include "KIVControl.h"
@@ -36,6 +37,13 @@ std::mutex& bufferMutex() {
     return m;
 }
 
+// Read buffers replaced while loops may still be reading into them. Never
+// destroyed, like read_buff itself: at exit they stay reachable.
+std::vector<uint8_t*>& retiredReadBuffers() {
+    static auto* v = new std::vector<uint8_t*>();
+    return *v;
+}
+
 // Turns one LBA bound of the configuration into an absolute LBA: a value in
 // (0, 1.1) (or, for the upper bound, anything below 1.1) is a share of the
 // capacity, anything else an LBA. Worked in 64 bits; negatives become 0.
@@ -63,7 +71,7 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
                  double maxLbaArg, int minTL_, int maxTL_, int qDepth_, int ops_,
                  int skipFreq_, int reverseFreq_, int repeatFreq_, int rawioP,
                  int randStream_, int dataBufferIdx_)
-    : running(true), lastLba(0), lastTL(0), lastCmd(2), outstanding(0), tag(0),
+    : running(true), stopRequested(false), lastLba(0), lastTL(0), lastCmd(2), outstanding(0), tag(0),
       blockSize(0), opsDone(0), blocksIssued(0), deviceIdx((uint32_t)deviceIdx_),
       hwCompare(false), errCount(0), errShown(false), revSavedLba(0), revSavedTL(0),
       repeatLba(0), repeatTL(0), revPending(false), skipPending(false),
@@ -282,7 +290,17 @@ bool KIVLoop::prepareDevice() {
     mqb->getDeviceInfo(&info);
     blockSize = info.blockSize;
 
-    reserveReadBuffer((uint64_t)blockSize * maxTL + 1000);
+    // run() sized the shared buffer before any loop started; a block size
+    // learnt since then may need more.
+    const uint64_t need = readBufferNeed();
+    if (!reserveReadBuffer(need)) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Could not allocate a read buffer of %llu bytes for device %d, "
+                 "Out Of Memory",
+                 (unsigned long long)need, mqb->getCurrentDeviceIndex());
+        control->printThreaded(msg);
+        return false;
+    }
     if (dataBufferIdx < 0) {
         std::lock_guard<std::mutex> lock(bufferMutex());
         if (write_buff == nullptr) generateRandomWriteBuffer();
@@ -290,19 +308,34 @@ bool KIVLoop::prepareDevice() {
     return true;
 }
 
+void KIVLoop::requestStop() {
+    stopRequested.store(true, std::memory_order_relaxed);
+    running.store(false, std::memory_order_relaxed);
+}
+
 void KIVLoop::setSkipCount(int n) { skip_count.store(n, std::memory_order_relaxed); }
 void KIVLoop::setReverseCount(int n) { reverse_count.store(n, std::memory_order_relaxed); }
 void KIVLoop::setRepeatCount(int n) { repeat_count.store(n, std::memory_order_relaxed); }
 void KIVLoop::setRawioCount(int) { rawio_counter.store(0, std::memory_order_relaxed); }
 
-// Grows read_buff to at least `need` bytes; never shrinks it, so a buffer that
-// reads are landing in stays valid. An allocation failure keeps the old buffer.
-void KIVLoop::reserveReadBuffer(uint64_t need) {
+// Grows read_buff to at least `need` bytes; never shrinks it. The buffer it
+// replaces is retired, not freed, so reads landing in it stay valid. Returns
+// false when the allocation fails (or `need` does not fit a size_t); the old
+// buffer then stays in place.
+bool KIVLoop::reserveReadBuffer(uint64_t need) {
     std::lock_guard<std::mutex> lock(bufferMutex());
-    if (read_buff != nullptr && read_buff_size >= need) return;
-    uint8_t* fresh = (uint8_t*)malloc(need ? need : 1);
-    if (fresh == nullptr) return;
-    free(read_buff);
+    if (read_buff != nullptr && read_buff_size >= need) return true;
+    if (need > SIZE_MAX) return false;
+    uint8_t* fresh = (uint8_t*)malloc(need ? (size_t)need : 1);
+    if (fresh == nullptr) return false;
+    if (read_buff != nullptr) retiredReadBuffers().push_back(read_buff);
     read_buff = fresh;
     read_buff_size = need;
+    return true;
+}
+
+void KIVLoop::releaseRetiredReadBuffers() {
+    std::lock_guard<std::mutex> lock(bufferMutex());
+    for (uint8_t* b : retiredReadBuffers()) free(b);
+    retiredReadBuffers().clear();
 }

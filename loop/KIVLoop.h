@@ -16,6 +16,9 @@ class MQB;
 class KIVLoop {
 public:
     std::atomic<bool>     running;
+    // Set once the statistics pass has stopped the run (time over, kiv_run 0,
+    // an interrupt). Final: an error report's PASS decision cannot undo it.
+    std::atomic<bool>     stopRequested;
     std::atomic<uint64_t> lastLba;
     std::atomic<uint64_t> lastTL;
     std::atomic<uint32_t> lastCmd;
@@ -74,6 +77,13 @@ public:
     KIVLoop& operator=(const KIVLoop&) = delete;
 
     void run();
+    // Stops the loop for good: sets stopRequested, then clears running.
+    void requestStop();
+    // True while the loop may send another command.
+    bool keepGoing() const {
+        return running.load(std::memory_order_relaxed) &&
+               !stopRequested.load(std::memory_order_relaxed);
+    }
     void loadFunc();
     void unloadFunc();
     uint32_t getSec();
@@ -85,9 +95,15 @@ public:
     static void setRepeatCount(int n);
     static void setRawioCount(int n);   // sets 0 whatever n is
 
-    // Makes sure read_buff holds at least `need` bytes. Called for every loop of
-    // a run before any loop starts, so no buffer in use is ever replaced.
-    static void reserveReadBuffer(uint64_t need);
+    // Makes sure read_buff holds at least `need` bytes. A buffer it replaces
+    // is kept (reads of another loop may still land in it) until
+    // releaseRetiredReadBuffers. Returns false, keeping the old buffer, when
+    // the memory cannot be had.
+    static bool reserveReadBuffer(uint64_t need);
+    // Frees the buffers reserveReadBuffer replaced. Only while no loop runs.
+    static void releaseRetiredReadBuffers();
+    // The bytes read_buff must hold for this loop's largest read.
+    uint64_t readBufferNeed() const { return (uint64_t)blockSize * maxTL + 1000; }
 
 private:
     // Device preparation, the first phase of run(); false when the queueing

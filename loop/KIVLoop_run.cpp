@@ -44,7 +44,7 @@ void KIVLoop::run() {
     // after ops - 1 commands when ops exceeds the queue depth.
     uint32_t count = qDepth;
     if (count != ops) {
-        while (running.load(kRelaxed)) {
+        while (keepGoing()) {
             count++;
             loadFunc();
             unloadFunc();
@@ -86,10 +86,11 @@ void KIVLoop::unloadFunc() {
 
             if (testType == 3 && length >= 8) {
                 unsigned char key = 0, valid = 0;
-                SenseParser::getKey(sense, &key);
-                if ((key == 3 || key == 1) && SenseParser::getValidBit(sense, &valid) != 0) {
+                SenseParser::getKey(sense, &key, length);
+                if ((key == 3 || key == 1) &&
+                    SenseParser::getValidBit(sense, &valid, length) != 0) {
                     unsigned char infoBytes[8] = {0};
-                    SenseParser::getInformationBytes(sense, infoBytes);
+                    SenseParser::getInformationBytes(sense, infoBytes, length);
                     uint32_t failing = ((uint32_t)infoBytes[4] << 24) |
                                        ((uint32_t)infoBytes[5] << 16) |
                                        ((uint32_t)infoBytes[6] << 8) | infoBytes[7];

@@ -10,14 +10,26 @@
 // INFORMATION descriptor (type 0x00) carries 8 bytes and its own VALID bit.
 // Every getter writes its answer to `out` and also returns it; unknown formats
 // give 0.
+//
+// `length` is how many sense bytes the caller holds; no getter reads past it,
+// whatever the additional length in byte 7 claims. A field that lies beyond it
+// reads as 0. Without it, the largest sense a device gives (kMaxSense) is taken.
 class MQB_API SenseParser {
 public:
-    static unsigned char  getKey(const unsigned char* sense, unsigned char* out);
-    static unsigned char  getCode(const unsigned char* sense, unsigned char* out);
-    static unsigned char  getQual(const unsigned char* sense, unsigned char* out);
-    static unsigned short getUec(const unsigned char* sense, unsigned short* out);
-    static unsigned char  getValidBit(const unsigned char* sense, unsigned char* out);
+    static constexpr int kMaxSense = 252;
+
+    static unsigned char  getKey(const unsigned char* sense, unsigned char* out,
+                                 int length = kMaxSense);
+    static unsigned char  getCode(const unsigned char* sense, unsigned char* out,
+                                  int length = kMaxSense);
+    static unsigned char  getQual(const unsigned char* sense, unsigned char* out,
+                                  int length = kMaxSense);
+    static unsigned short getUec(const unsigned char* sense, unsigned short* out,
+                                 int length = kMaxSense);
+    static unsigned char  getValidBit(const unsigned char* sense, unsigned char* out,
+                                      int length = kMaxSense);
     // Writes the INFORMATION field into out[0..7], most significant byte first
     // (a fixed-format field fills bytes 4-7). Returns 0, or -1 for unknown format.
-    static int getInformationBytes(const unsigned char* sense, unsigned char* out);
+    static int getInformationBytes(const unsigned char* sense, unsigned char* out,
+                                   int length = kMaxSense);
 };

@@ -95,6 +95,33 @@ TEST_F(ErrFile, TableHolds255EntriesAndKeepsTheirUecs) {
     EXPECT_EQ(ctl.kcqUec[254], 0x10FE);
 }
 
+// A NUL byte is a character like any other: it fails its field instead of
+// hiding the rest of the line.
+TEST_F(ErrFile, NulByteFailsTheLine) {
+    EXPECT_EQ(parse(std::string("HALT 02 04 00 \0garbage\n", 23)), -13);
+    EXPECT_EQ(out, "<I> Added KCQ to error count: KCQ = 02 04 00 MASK = FF FF FF HALT=1\n"
+                   "<E> Parse Format");
+    ctl.kcqCount = 0;
+    EXPECT_EQ(parse(std::string("HALT 02\0 04 00\n", 16)), -13);
+    EXPECT_EQ(ctl.kcqCount, 0);
+}
+
+// A directory or a device is refused as a file I/O failure at once (reading
+// /dev/zero would never end), and so is a file past the size bound; each says so.
+TEST_F(ErrFile, NotARegularFileOrTooLongIsRefused) {
+    for (const char* p : {"/tmp", "/dev/zero", "/dev/null"}) {
+        int rc = 0;
+        out = stdoutOf([&] { rc = ctl.parseErrorFile(p); });
+        EXPECT_EQ(rc, -112) << p;
+        EXPECT_EQ(out, std::string("<E> Error file ") + p + " is not a regular file\n");
+    }
+    std::string comments;
+    while (comments.size() <= (1u << 20)) comments += "# " + std::string(60, 'c') + "\n";
+    EXPECT_EQ(parse("HALT 02 04 00\n" + comments), -112);
+    EXPECT_NE(out.find("is longer than 1048576 bytes, stopped reading\n"), std::string::npos) << out;
+    EXPECT_EQ(ctl.kcqCount, 1);
+}
+
 // Binary junk (NULs, high bytes, lines longer than the line buffer, no final
 // newline) is refused or ignored and never read past; the sanitizer builds
 // watch the reads.

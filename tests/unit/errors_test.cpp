@@ -93,6 +93,7 @@ TEST_F(Errors, ReportOnDisplayAndLog) {
 
 // The first matching entry decides; with an empty table errorHalt does; a
 // status without sense is matched as 00 00 00 / 0000; a time-out always stops.
+// PASS restarts a halted loop but not one the statistics pass stopped.
 TEST_F(Errors, HaltOrPassDecision) {
     const struct { const char* file; bool errorHalt, before; int status, key, uec; bool after; } cases[] = {
         {"", true, true, -12, 0, 0, false},
@@ -115,6 +116,14 @@ TEST_F(Errors, HaltOrPassDecision) {
         fail(loop, c.status, c.status == -16 ? sense(32, c.key, 0x11, 0, (uint16_t)c.uec) : "");
         EXPECT_EQ(loop->running.load(), c.after) << c.file << c.status << " " << c.key << " " << c.uec;
     }
+    // A stop made by the statistics pass is final: a PASS afterwards keeps it stopped.
+    writeFile(path, "PASS xx xx xx\n");
+    ctl->kcqCount = 0;
+    stdoutOf([&] { EXPECT_EQ(ctl->parseErrorFile(path.c_str()), 0); });
+    KIVLoop* loop = addLoop(0);
+    loop->requestStop();
+    fail(loop, -16, sense(32));
+    EXPECT_FALSE(loop->running.load() || loop->keepGoing());
 }
 
 TEST_F(Errors, CheckErrShowsQueuedTextLiterally) {

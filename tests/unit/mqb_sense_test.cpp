@@ -1,5 +1,7 @@
 // mqb_sense_test.cpp: sense data parsing in both formats, and the status texts.
 #include <gtest/gtest.h>
+#include <memory>
+#include <vector>
 #include "MQBErr.h"
 #include "SenseParser.h"
 
@@ -28,6 +30,40 @@ TEST(SenseParser, FixedDescriptorAndUnknownFormats) {
         Bytes info(8, 0xAA);
         EXPECT_EQ(SenseParser::getInformationBytes(s, info.data()), r.info.empty() ? -1 : 0) << int(s[0]);
         EXPECT_EQ(info, r.info.empty() ? Bytes(8, 0xAA) : r.info) << int(s[0]);
+    }
+}
+
+// Each getter stays inside the length it is given, whatever byte 7 claims:
+// every prefix of a fixed and a descriptor sense, copied to a buffer of exactly
+// that size (the sanitizer builds catch a read past it), gives either the
+// field or 0; a descriptor that would run past the held bytes is not found.
+TEST(SenseParser, NeverReadsPastTheHeldLength) {
+    using Bytes = std::vector<unsigned char>;
+    const Bytes fixed = {0xF0, 0, 0x03, 1, 2, 3, 4, 0xFF, 0, 0, 0, 0, 0x11, 0x05, 0, 0,
+                         0, 0, 0, 0, 0x12, 0x34};
+    const Bytes desc = {0x72, 0x03, 0x11, 0x05, 0, 0, 0, 0xFF, 0x02, 0x02, 0, 0,
+                        0x00, 0x0A, 0x80, 0, 0, 0, 0, 1, 0, 0, 0x10, 0x20};
+    for (const Bytes* full : {&fixed, &desc}) {
+        for (size_t n = 0; n <= full->size(); ++n) {
+            std::unique_ptr<unsigned char[]> held(new unsigned char[n ? n : 1]);
+            std::copy(full->begin(), full->begin() + n, held.get());
+            const unsigned char* s = held.get();
+            const int len = (int)n;
+            unsigned char k = 0, a = 0, q = 0, v = 0, info[8] = {0};
+            unsigned short u = 0;
+            SenseParser::getKey(s, &k, len), SenseParser::getCode(s, &a, len);
+            SenseParser::getQual(s, &q, len), SenseParser::getValidBit(s, &v, len);
+            SenseParser::getUec(s, &u, len);
+            SenseParser::getInformationBytes(s, info, len);
+            const bool isFixed = full == &fixed;
+            EXPECT_EQ(k, n > (isFixed ? 2u : 1u) ? 3 : 0) << n;
+            EXPECT_EQ(a, n > (isFixed ? 12u : 2u) ? 0x11 : 0) << n;
+            EXPECT_EQ(q, n > (isFixed ? 13u : 3u) ? 0x05 : 0) << n;
+            EXPECT_EQ(u, isFixed && n >= 22 ? 0x1234 : 0) << n;
+            // The INFORMATION descriptor needs all its 12 bytes (8 to 23) held.
+            EXPECT_EQ(v, isFixed ? (n >= 1) : (n >= 24)) << n;
+            EXPECT_EQ(info[7], isFixed ? (n >= 7 ? 4 : 0) : (n >= 24 ? 0x20 : 0)) << n;
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 // stats_test.cpp: the statistics pass (KIVControl::analyze): line, variables, rates,
 // cadence, the first pass, end-of-run checks; and run()'s test label.
+#include <climits>
 #include <cstring>
 #include <functional>
 
@@ -40,7 +41,8 @@ protected:
 };
 
 // The line to the character and every variable; mb/s truncates in the line but
-// rounds in kiv_mb_per_sec; an interval of 0 ms or less (clock behind) counts as 1 ms.
+// rounds in kiv_mb_per_sec; an interval of 0 ms or less (clock behind) counts as 1 ms;
+// operations per second stay exact past the 32-bit range of their product.
 TEST_F(Stats, LineVariablesAndRates) {
     loop->deviceIdx = 3;
     loop->lastLba.store(56789), loop->lastTL.store(16), loop->lastCmd.store(4), loop->errCount.store(2);
@@ -55,6 +57,12 @@ TEST_F(Stats, LineVariablesAndRates) {
         {0, 7, 0, "   3 10/90 vfy         7     56789   16    5     7000   0.00       2\n", "7000 0.00"},
         {(uint32_t)-40, 7, 0,
          "   3 10/90 vfy         7     56789   16    5     7000   0.00       2\n", "7000 0.00"},
+        // Rates whose product with 1000 passes 2^31 (and 2^32) are exact, not wrapped.
+        {1000, 2189354, 0,
+         "   3 10/90 vfy   2189354     56789   16    5  2189354   0.00       2\n", "2189354 0.00"},
+        {1, 3000000, 0,
+         "   3 10/90 vfy   3000000     56789   16    5 3000000000   0.00       2\n",
+         "3000000000 0.00"},
     };
     for (const auto& k : cases) {
         EXPECT_EQ(passAt([&](uint32_t now) {
@@ -64,7 +72,8 @@ TEST_F(Stats, LineVariablesAndRates) {
         EXPECT_STREQ(Tcl_GetVar(testInterp(), "::rates", 0), k.rates);
         EXPECT_EQ(ctl->prevBlocks[0], k.blocks);  // the next pass counts from this one
     }
-    EXPECT_STREQ(Tcl_GetVar(testInterp(), "::seen", 0), "3 10/90 4 7 56789 16 5 7000 0.00 2");
+    EXPECT_STREQ(Tcl_GetVar(testInterp(), "::seen", 0),
+                 "3 10/90 4 3000000 56789 16 5 3000000000 0.00 2");
 }
 
 // With five seconds per report, passes report at elapsed 5 and 10 only; a pass
@@ -87,6 +96,12 @@ TEST_F(Stats, ReportCadenceFollowsSecondsPerReport) {
         EXPECT_EQ(std::make_pair(ctl->nextReportSec, ctl->lastReportMs),
                   std::make_pair(s.next, s.reports ? taken : before)) << "elapsed " << s.elapsedMs;
     }
+    // The largest spacing schedules the next report at INT_MAX, not in the past:
+    // the pass after the final one at 11 s is not a report.
+    ctl->secondsPerReport = INT_MAX;
+    passAt([&](uint32_t now) { KIVControl::time_start = now - 11000; }, true);
+    EXPECT_EQ(ctl->nextReportSec, INT_MAX);
+    EXPECT_EQ(passAt([&](uint32_t now) { KIVControl::time_start = now - 12000; }), "");
 }
 
 // The first pass only takes the time base and starting blocks. After any other pass
