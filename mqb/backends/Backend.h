@@ -75,6 +75,18 @@ inline bool isDataCommand(uint8_t op) {
 // True when the command's BYTCHK bit asks for a compare with the data-out buffer.
 inline bool byteCheck(const Command& c) { return c.cdbLen > 1 && (c.cdb[1] & scsi::kBytchk); }
 
+// The data a command passed through to a real device carries, by its opcode:
+// READ(10) and the READ CAPACITY commands bring data into the read buffer;
+// WRITE(10), WRITE AND VERIFY(10) and a VERIFY(10) with BYTCHK send the write
+// buffer; anything else moves none (dir None, null buffer, length 0).
+struct Transfer {
+    enum class Dir : uint8_t { None, In, Out };
+    Dir      dir = Dir::None;
+    uint8_t* buf = nullptr;
+    uint64_t len = 0;
+};
+Transfer dataTransfer(const Command& cmd);
+
 // Checks a data command against a disk of `blocks` blocks. A zero transfer
 // length is no error by itself, but its LBA must still be on the disk. On
 // failure fills `out` with ILLEGAL REQUEST / LBA OUT OF RANGE and returns false.

@@ -174,27 +174,12 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     if (lost_) return out->status = MQB_ERR_TIMEOUT;
     if (nFree_ == 0) return out->status = MQB_ERR_QUEUE_FULL;
 
-    // The data direction follows the opcode, as the SCSI generic backend does;
-    // a VERIFY with BYTCHK set carries data out.
-    int dir = SCSI_XFER_NONE;
-    void* buf = nullptr;
-    uint64_t len = 0;
-    switch (cmd.opcode) {
-    case scsi::kRead10:
-    case scsi::kReadCapacity10:
-    case scsi::kServiceActionIn16:
-        dir = SCSI_XFER_READ, buf = cmd.readBuf, len = cmd.readLen;
-        break;
-    case scsi::kVerify10:
-        if ((cmd.cdb[1] & scsi::kBytchk) == 0) break;
-        [[fallthrough]];
-    case scsi::kWrite10:
-    case scsi::kWriteVerify10:
-        dir = SCSI_XFER_WRITE, buf = const_cast<uint8_t*>(cmd.writeBuf), len = cmd.writeLen;
-        break;
-    default:
-        break;
-    }
+    const sbc::Transfer t = sbc::dataTransfer(cmd);
+    int dir = t.dir == sbc::Transfer::Dir::In    ? SCSI_XFER_READ
+              : t.dir == sbc::Transfer::Dir::Out ? SCSI_XFER_WRITE
+                                                 : SCSI_XFER_NONE;
+    void* const buf = t.buf;
+    const uint64_t len = t.len;
     if (len > uint64_t(INT_MAX)) return out->status = MQB_ERR_TRANSFER;
     if (len > 0 && buf == nullptr) return out->status = MQB_ERR_RECORD;
     if (len == 0) dir = SCSI_XFER_NONE;

@@ -24,6 +24,27 @@ void buildFixedSense(Outcome& out, uint8_t key, scsi::Asc code, bool valid, uint
 
 namespace sbc {
 
+Transfer dataTransfer(const Command& c) {
+    Transfer t;
+    switch (c.opcode) {
+    case scsi::kRead10:
+    case scsi::kReadCapacity10:
+    case scsi::kServiceActionIn16:
+        t.dir = Transfer::Dir::In, t.buf = c.readBuf, t.len = c.readLen;
+        break;
+    case scsi::kVerify10:  // data-out only with BYTCHK: the blocks to compare
+        if (!byteCheck(c)) break;
+        [[fallthrough]];
+    case scsi::kWrite10:
+    case scsi::kWriteVerify10:
+        t.dir = Transfer::Dir::Out, t.buf = const_cast<uint8_t*>(c.writeBuf), t.len = c.writeLen;
+        break;
+    default:
+        break;
+    }
+    return t;
+}
+
 bool checkRange(const Command& c, uint64_t blocks, Outcome& out) {
     if (c.lba < blocks && (c.tl == 0 || c.lba + c.tl - 1 < blocks)) return true;
     buildFixedSense(out, scsi::kKeyIllegalRequest, scsi::kLbaOutOfRange);

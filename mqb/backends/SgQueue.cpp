@@ -134,26 +134,12 @@ SgQueue::~SgQueue() {
 int SgQueue::submit(const Command& c, Outcome* out, uint64_t token) {
     if (nFree_ == 0) return MQB_ERR_QUEUE_FULL;
     if (c.cdb == nullptr || c.cdbLen == 0 || c.cdbLen > 16) return MQB_ERR_RECORD;
-    int dir = SG_DXFER_NONE;
-    void* data = nullptr;
-    uint64_t len = 0;
-    switch (c.opcode) {
-    case scsi::kRead10:
-    case scsi::kReadCapacity10:
-    case scsi::kServiceActionIn16:
-        dir = SG_DXFER_FROM_DEV, data = c.readBuf, len = c.readBuf ? c.readLen : 0;
-        break;
-    case scsi::kVerify10:  // data-out only with BYTCHK: the blocks to compare
-        if (!sbc::byteCheck(c)) break;
-        [[fallthrough]];
-    case scsi::kWrite10:
-    case scsi::kWriteVerify10:
-        dir = SG_DXFER_TO_DEV, data = const_cast<uint8_t*>(c.writeBuf),
-        len = c.writeBuf ? c.writeLen : 0;
-        break;
-    default:  // anything else moves no data
-        break;
-    }
+    const sbc::Transfer t = sbc::dataTransfer(c);
+    const int dir = t.dir == sbc::Transfer::Dir::In    ? SG_DXFER_FROM_DEV
+                    : t.dir == sbc::Transfer::Dir::Out ? SG_DXFER_TO_DEV
+                                                       : SG_DXFER_NONE;
+    void* const data = t.buf;
+    const uint64_t len = t.buf ? t.len : 0;
     if (len > UINT_MAX) return MQB_ERR_TRANSFER;
     const int i = free_[--nFree_];
     Cmd& k = cmds_[i];

@@ -268,26 +268,45 @@ TEST_F(IscsiLun, LeavesTheProcessRandomSequenceAlone) {
     EXPECT_EQ(got, expected);
 }
 
-// Each test below ends its own target.
-TEST(IscsiLoss, KilledTargetEndsEveryCommandWithATimeoutAtOnce) {
+// Each test below ends a target of its own: it starts one, opens a queue of
+// `depth` on it and submits `n` reads of `tl` blocks once the target is gone.
+class IscsiLoss : public ::testing::Test {
+protected:
+    void SetUp() override {
 #if MQB_TEST_NO_ISCSI
-    GTEST_SKIP() << "libMQB was built without libiscsi";
+        GTEST_SKIP() << "libMQB was built without libiscsi";
 #endif
-    Target target;
-    if (!target.up()) GTEST_SKIP() << "tgtd could not be started";
-    std::string err;
-    auto disk = mqb::IscsiDisk::open(target.url(), err);
-    ASSERT_NE(disk, nullptr) << err;
-    auto q = disk->openQueue(8);
-    ASSERT_NE(q, nullptr);
-    target.kill();
-    std::vector<Bytes> data(8, Bytes(8 * kBs));
-    std::vector<std::unique_ptr<Cmd>> cmds;
-    const auto t0 = Clock::now();
-    for (int i = 0; i < 8; ++i) {
-        cmds.push_back(std::make_unique<Cmd>(READ10, uint32_t(i * 8), 8, &data[size_t(i)]));
-        ASSERT_EQ(q->submit(cmds.back()->c, &cmds.back()->out, uint64_t(i)), 0);
+        if (!target_.up()) GTEST_SKIP() << "tgtd could not be started";
     }
+    void openQueue(const char* urlSuffix, int depth) {
+        std::string err;
+        disk_ = mqb::IscsiDisk::open(target_.url(urlSuffix), err);
+        ASSERT_NE(disk_, nullptr) << err;
+        q_ = disk_->openQueue(depth);
+        ASSERT_NE(q_, nullptr);
+    }
+    void submitReads(int n, uint16_t tl) {
+        data_.assign(size_t(n), Bytes(tl * kBs));
+        for (int i = 0; i < n; ++i) {
+            cmds_.push_back(std::make_unique<Cmd>(READ10, uint32_t(i * tl), tl, &data_[size_t(i)]));
+            ASSERT_EQ(q_->submit(cmds_.back()->c, &cmds_.back()->out, uint64_t(i)), 0);
+        }
+    }
+    Target target_;
+    std::unique_ptr<mqb::Backend> disk_;
+    std::unique_ptr<mqb::Queue> q_;
+    std::vector<Bytes> data_;
+    std::vector<std::unique_ptr<Cmd>> cmds_;
+};
+
+TEST_F(IscsiLoss, KilledTargetEndsEveryCommandWithATimeoutAtOnce) {
+    openQueue("", 8);
+    target_.kill();
+    const auto t0 = Clock::now();
+    submitReads(8, 8);
+    auto& q = q_;
+    auto& cmds = cmds_;
+    auto& data = data_;
     EXPECT_EQ(reapAll(*q, 8).size(), 8u);
     EXPECT_LT(secondsSince(t0), 5.0) << "a dropped session must not wait for the 30 s time-out";
     for (auto& c : cmds) EXPECT_EQ(c->out.status, MQB_ERR_TIMEOUT);
@@ -300,24 +319,12 @@ TEST(IscsiLoss, KilledTargetEndsEveryCommandWithATimeoutAtOnce) {
     EXPECT_EQ(q->outstanding(), 0);
 }
 
-TEST(IscsiLoss, SilentTargetTimesOutWithinTheTimeout) {
-#if MQB_TEST_NO_ISCSI
-    GTEST_SKIP() << "libMQB was built without libiscsi";
-#endif
-    Target target;
-    if (!target.up()) GTEST_SKIP() << "tgtd could not be started";
-    std::string err;
-    auto disk = mqb::IscsiDisk::open(target.url("?timeout=2"), err);
-    ASSERT_NE(disk, nullptr) << err;
-    auto q = disk->openQueue(4);
-    ASSERT_NE(q, nullptr);
-    target.pause();
-    std::vector<Bytes> data(4, Bytes(kBs));
-    std::vector<std::unique_ptr<Cmd>> cmds;
-    for (int i = 0; i < 4; ++i) {
-        cmds.push_back(std::make_unique<Cmd>(READ10, uint32_t(i), 1, &data[size_t(i)]));
-        ASSERT_EQ(q->submit(cmds.back()->c, &cmds.back()->out, uint64_t(i)), 0);
-    }
+TEST_F(IscsiLoss, SilentTargetTimesOutWithinTheTimeout) {
+    openQueue("?timeout=2", 4);
+    target_.pause();
+    submitReads(4, 1);
+    auto& q = q_;
+    auto& cmds = cmds_;
     ASSERT_EQ(q->commit(), 0);
     // A reap's own wait ends on time with fewer than asked for.
     uint64_t tokens[4];
