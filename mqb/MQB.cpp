@@ -10,7 +10,9 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include "DataChecker.h"
 #include "DeviceTable.h"
+#include "LatencyRecorder.h"
 #include "MQBErr.h"
 #include "backends/Device.h"
 #if MQB_HAVE_URING
@@ -55,6 +57,7 @@ struct Slot {
     uint8_t      cdbLen;
     uint8_t      cdb[16];
     mqb::Outcome out;
+    mqb::CmdTicket tk;  // data check and latency state of the command
 };
 
 #if MQB_HAVE_URING
@@ -106,6 +109,10 @@ struct MQB::Impl {
 #else
     bool asyncOff = true;
 #endif
+
+    // Keyed / generated data and latency recording of this channel.
+    mqb::DataChecker     data;
+    mqb::LatencyRecorder lat;
 
     explicit Impl(const std::string& d) : driver(d) {}
 };
@@ -194,7 +201,7 @@ void takeCqe(MQB::Impl& m, io_uring_cqe* cqe) {
         mqb::buildFixedSense(op.s.out, 0x03, write ? 0x0C : 0x11, 0x00, false, 0, false, 0);
         op.s.dev->noteError();
     }
-    op.s.due = nowNs();
+    op.s.due = nowNs() + uint64_t(op.s.tk.delayUs) * 1000;  // a delay fault postpones it
     const int pos = (m.head + m.count) & (kQueueCap - 1);
     m.ring[pos] = op.s;
     insertSorted(m, pos);
@@ -247,7 +254,9 @@ void stopRing(MQB::Impl& m) {
         const int rc = io_uring_wait_cqe(&m.uring, &cqe);
         if (rc == -EINTR) continue;
         if (rc < 0) break;
-        m.ops[io_uring_cqe_get_data64(cqe)].s.dev->leave();
+        Slot& dropped = m.ops[io_uring_cqe_get_data64(cqe)].s;
+        m.data.onDrop(*dropped.dev, dropped.tk);  // hook: release its buffer and write tracking
+        dropped.dev->leave();
         io_uring_cqe_seen(&m.uring, cqe);
         --m.pending;
     }
@@ -267,7 +276,11 @@ MQB::~MQB() {
 #if MQB_HAVE_URING
     stopRing(m);
 #endif
-    for (int i = 0; i < m.count; ++i) m.ring[(m.head + i) & (kQueueCap - 1)].dev->leave();
+    for (int i = 0; i < m.count; ++i) {
+        Slot& s = m.ring[(m.head + i) & (kQueueCap - 1)];
+        m.data.onDrop(*s.dev, s.tk);  // hook: release its buffer and write tracking
+        s.dev->leave();
+    }
 }
 
 bool MQB::isLocked(int deviceIdx) {
@@ -325,6 +338,7 @@ int MQB::ioctl(int code, int count, ...) {
         if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
         m.dev->noteDataMode(*mode);
+        m.dev->data().setMode(*mode, m.dev->backend().geometry());  // hook: keyed data state
         break;
     }
     default:
@@ -353,6 +367,7 @@ int MQB::setDeviceIndex(int deviceIdx) {
     if (!d) return MQB_ERR_DEV_RANGE;
     impl_->dev = d;
     impl_->devIdx = deviceIdx;
+    impl_->lat.attach(d);  // hook: record latency into this device's histograms
     return MQB_OK;
 }
 
@@ -413,8 +428,14 @@ int MQB::send(unsigned char* record) {
     c.writeBuf = ldPtr<const uint8_t>(record + mqbrec::kWriteBuf);
     c.writeLen = ld64(record + mqbrec::kWriteLen);
 
+    // Hook at send: the time, then generated / keyed write data in the
+    // channel's buffers and a channel buffer for a read that will be checked.
+    s.tk.delayUs = 0;
+    m.lat.onSend(d->data(), s.tk);
+    m.data.onSend(*d, c, s.tk);
     mqb::IoRequest io;
-    if (!d->submit(c, s.tag, s.out, m.asyncOff ? nullptr : &io)) {
+    if (!d->submit(c, s.tag, s.out, m.asyncOff ? nullptr : &io, &s.tk.delayUs)) {
+        m.data.onDrop(*d, s.tk);  // hook: the refused command never reached the device
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         return s.out.status;
@@ -434,8 +455,8 @@ int MQB::send(unsigned char* record) {
         d->backend().execute(c, s.out);  // no io_uring after all: synchronous I/O
         if (s.out.status != MQB_OK) d->noteError();
     }
-    const uint32_t lat = d->backend().latencyUs();
-    s.due = lat ? nowNs() + uint64_t(lat) * 1000 : 0;
+    const uint64_t lat = uint64_t(d->backend().latencyUs()) + s.tk.delayUs;  // delay fault included
+    s.due = lat ? nowNs() + lat * 1000 : 0;
     insertSorted(m, pos);
     return MQB_OK;
 }
@@ -458,6 +479,11 @@ int MQB::receive() {
     }
     m.head = (m.head + 1) & (kQueueCap - 1);
     --m.count;
+    // Hook at completion: latency by kind, then the journal update of a
+    // write and the check of a reader's blocks (may turn the outcome into
+    // MISCOMPARE).
+    m.lat.onComplete(s.dev, s.opcode, s.tk);
+    m.data.onComplete(*s.dev, s.out, s.tk);
     s.dev->leave();
     m.haveLast = true;
     m.lastTag = s.tag;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 #include "Backend.h"
+#include "DeviceData.h"
 #include "DeviceTable.h"
 
 namespace mqb {
@@ -24,7 +25,10 @@ public:
     // trace and no faults it takes no lock and does not allocate. Given `io`,
     // a command the backend can run asynchronously is not executed: `io`
     // describes its I/O, `out` is left good, and the caller carries it out.
-    bool submit(const Command& cmd, uint32_t tag, Outcome& out, IoRequest* io = nullptr);
+    // Given `delayUs`, a delay fault rule that fires adds its delay there
+    // (the command still runs); it is left alone otherwise.
+    bool submit(const Command& cmd, uint32_t tag, Outcome& out, IoRequest* io = nullptr,
+                uint32_t* delayUs = nullptr);
     // Counts an error found after submit() (a failed asynchronous I/O).
     void noteError() { bump(errors_); }
 
@@ -33,6 +37,8 @@ public:
     void leave() { inFlight_.fetch_sub(1, std::memory_order_relaxed); }
 
     Backend& backend() { return *backend_; }
+    // Data verification and latency state (data mode, journal, histograms).
+    DeviceData& data() { return data_; }
     const std::string& spec() const { return spec_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
@@ -56,12 +62,13 @@ public:
 private:
     using Counter = std::atomic<uint64_t>;
     static void bump(Counter& c, uint64_t n = 1) { c.fetch_add(n, std::memory_order_relaxed); }
-    bool applyFaults(const Command& cmd, Outcome& out, bool& refused);  // lock_ held
+    bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
     std::string spec_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
+    DeviceData data_;
 
     Counter commands_{0}, reads_{0}, writes_{0}, wrvs_{0}, verifies_{0}, other_{0};
     Counter blocksRead_{0}, blocksWritten_{0}, errors_{0};

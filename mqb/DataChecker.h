@@ -1,0 +1,85 @@
+// DataChecker.h: a channel's part of the data modes. Under hardware data
+// generation (3) a write carries data the channel generated once; under keyed
+// compare (6) a write carries keyed blocks stamped in a buffer of the
+// channel's own, and every block a read, a VERIFY or the read-back of a WRITE
+// AND VERIFY brings in is checked against its key and the device's
+// lost-write journal. A bad block fails its command with MISCOMPARE
+// (0E/1D/00, INFORMATION = the first bad LBA). The caller's buffers are never
+// written to except a read's data-in buffer, which still gets the data.
+//
+// Where the data are checked:
+//  - READ: the read goes into a channel buffer, checked at completion, then
+//    copied to the caller's buffer.
+//  - VERIFY and WRITE AND VERIFY: after the device completed the command
+//    well, the channel reads the blocks back itself (synchronously, in
+//    chunks) and checks them; for WRITE AND VERIFY the read-back must equal
+//    the stamped data byte for byte.
+//  - A backend that gives back no data (a simulated disk without a store) is
+//    not checked at all.
+// Blocks a concurrent write of the same region may have changed between a
+// reader's send and its completion are not judged (see WriteTracker).
+//
+// Buffers are allocated when first needed and only grow; nothing is allocated
+// per command once a run has warmed up.
+#pragma once
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+#include "CmdTicket.h"
+#include "backends/Backend.h"
+
+namespace mqb {
+
+class Device;
+
+class DataChecker {
+public:
+    DataChecker();
+    DataChecker(const DataChecker&) = delete;
+    DataChecker& operator=(const DataChecker&) = delete;
+
+    // At send, before the device sees `c`: may point its data buffers at the
+    // channel's own and registers writes with the device's tracker. Fills
+    // `tk`.
+    void onSend(Device& dev, Command& c, CmdTicket& tk);
+    // The command never reached the device (refused send) or was dropped in
+    // flight: undoes onSend's bookkeeping; the journal is left alone.
+    void onDrop(Device& dev, CmdTicket& tk);
+    // At completion: updates the journal for a write, checks the data of a
+    // reader, and turns a good `out` into MISCOMPARE when a block is bad.
+    void onComplete(Device& dev, Outcome& out, CmdTicket& tk);
+
+    // The first LBA among `n` blocks at `data` (read from `lba` on) that
+    // fails its key or the journal, or UINT64_MAX when all pass.
+    static uint64_t firstBadBlock(const Device& dev, const uint8_t* data, uint64_t lba,
+                                  uint64_t n, uint32_t bs);
+
+private:
+    struct Free {
+        void operator()(uint8_t* p) const { std::free(p); }
+    };
+    struct Buf {
+        std::unique_ptr<uint8_t, Free> p;
+        uint64_t cap = 0;
+    };
+    static constexpr int kBufs = 256;          // at most one per command in flight
+    static constexpr uint64_t kReadBackChunk = 256 * 1024;
+
+    static bool grow(Buf& b, uint64_t bytes);  // page-aligned, at least `bytes`; false when out of memory
+    int takeBuf(uint64_t bytes);               // index, or -1 when none is free
+    void giveBuf(CmdTicket& tk);
+    const uint8_t* generated(uint64_t bytes);
+    // Reads blocks back through the backend, chunk by chunk, and returns the
+    // first bad LBA per `stamped` (nullptr: check keys; else compare bytes),
+    // UINT64_MAX when all pass or the read-back itself failed.
+    uint64_t readBack(Device& dev, const CmdTicket& tk, const uint8_t* stamped);
+
+    std::vector<Buf> bufs_;
+    std::vector<int16_t> free_;
+    Buf gen_;                   // generated write data, filled once per growth
+    std::vector<Buf> retired_;  // outgrown generated buffers writes may still use
+    Buf scratch_;               // read-back chunks
+};
+
+}  // namespace mqb
