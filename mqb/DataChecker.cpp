@@ -56,9 +56,7 @@ const uint8_t* DataChecker::generated(uint64_t bytes) {
     return gen_.p.get();
 }
 
-void DataChecker::onSend(Device& dev, Command& c, CmdTicket& tk) {
-    tk.flags = 0;
-    tk.buf = -1;
+void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
     tk.bs = 0;
     DeviceData& dd = dev.data();
     const int mode = dd.mode();
@@ -123,9 +121,8 @@ void DataChecker::onDrop(Device& dev, CmdTicket& tk) {
     giveBuf(tk);
 }
 
-uint64_t DataChecker::firstBadBlock(const Device& dev, const uint8_t* data, uint64_t lba,
+uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, uint64_t lba,
                                     uint64_t n, uint32_t bs) {
-    const WriteJournal* j = const_cast<Device&>(dev).data().journal();
     for (uint64_t i = 0; i < n; ++i) {
         uint64_t seq = 0;
         const BlockCheck st = checkBlock(data + i * bs, bs, lba + i, seq);
@@ -164,7 +161,7 @@ uint64_t DataChecker::readBack(Device& dev, const CmdTicket& tk, const uint8_t* 
         dev.backend().execute(rc, o);
         if (o.status != MQB_OK) return kNone;  // the medium's own error is not ours to report here
         if (!stamped) {
-            const uint64_t bad = firstBadBlock(dev, scratch_.p.get(), lba, n, tk.bs);
+            const uint64_t bad = firstBadBlock(dev.data().journal(), scratch_.p.get(), lba, n, tk.bs);
             if (bad != kNone) return bad;
             continue;
         }
@@ -175,7 +172,7 @@ uint64_t DataChecker::readBack(Device& dev, const CmdTicket& tk, const uint8_t* 
     return kNone;
 }
 
-void DataChecker::onComplete(Device& dev, Outcome& out, CmdTicket& tk) {
+void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
     if (tk.flags == 0) {
         giveBuf(tk);
         return;
@@ -205,7 +202,7 @@ void DataChecker::onComplete(Device& dev, Outcome& out, CmdTicket& tk) {
                           (tr && tr->changedSince(tk.lba, tk.tl, tk.gen, 0));
         const uint8_t* own = tk.buf >= 0 ? bufs_[size_t(tk.buf)].p.get() : nullptr;
         if (tk.opcode == sbc::kRead) {
-            if (!racy) bad = firstBadBlock(dev, own, tk.lba, tk.tl, tk.bs);
+            if (!racy) bad = firstBadBlock(dd.journal(), own, tk.lba, tk.tl, tk.bs);
         } else if (!racy) {
             bad = readBack(dev, tk, tk.opcode == sbc::kWrv ? own : nullptr);
         }

@@ -27,11 +27,11 @@
 #include <memory>
 #include <vector>
 #include "CmdTicket.h"
-#include "backends/Backend.h"
+#include "backends/Device.h"
 
 namespace mqb {
 
-class Device;
+class WriteJournal;
 
 class DataChecker {
 public:
@@ -42,20 +42,38 @@ public:
     // At send, before the device sees `c`: may point its data buffers at the
     // channel's own and registers writes with the device's tracker. Fills
     // `tk`.
-    void onSend(Device& dev, Command& c, CmdTicket& tk);
+    void onSend(Device& dev, Command& c, CmdTicket& tk) {
+        // Fast path, inline: no data mode of ours and nothing ever tracked.
+        tk.flags = 0;
+        tk.buf = -1;
+        const DeviceData& dd = dev.data();
+        if (!dd.tracker()) {
+            // Nothing to check: only a write under data generation or keyed
+            // compare has anything to do.
+            const int m = dd.mode();
+            if ((m != 3 && m != 6) || (c.opcode != sbc::kWrite && c.opcode != sbc::kWrv)) return;
+        }
+        prepare(dev, c, tk);
+    }
     // The command never reached the device (refused send) or was dropped in
     // flight: undoes onSend's bookkeeping; the journal is left alone.
     void onDrop(Device& dev, CmdTicket& tk);
     // At completion: updates the journal for a write, checks the data of a
     // reader, and turns a good `out` into MISCOMPARE when a block is bad.
-    void onComplete(Device& dev, Outcome& out, CmdTicket& tk);
+    void onComplete(Device& dev, Outcome& out, CmdTicket& tk) {
+        if (tk.flags != 0 || tk.buf >= 0) finish(dev, out, tk);
+    }
 
     // The first LBA among `n` blocks at `data` (read from `lba` on) that
-    // fails its key or the journal, or UINT64_MAX when all pass.
-    static uint64_t firstBadBlock(const Device& dev, const uint8_t* data, uint64_t lba,
+    // fails its key or the journal `j` (may be null), or UINT64_MAX when all
+    // pass.
+    static uint64_t firstBadBlock(const WriteJournal* j, const uint8_t* data, uint64_t lba,
                                   uint64_t n, uint32_t bs);
 
 private:
+    void prepare(Device& dev, Command& c, CmdTicket& tk);
+    void finish(Device& dev, Outcome& out, CmdTicket& tk);
+
     struct Free {
         void operator()(uint8_t* p) const { std::free(p); }
     };

@@ -28,12 +28,12 @@ int LatencyRecorder::kindOf(uint8_t opcode) {
     }
 }
 
-void LatencyRecorder::onComplete(const Device* dev, uint8_t opcode, const CmdTicket& tk) {
-    if (tk.sendNs == 0 || dev != dev_ || !set_) return;
+void LatencyRecorder::record(const Device* dev, uint8_t opcode, uint64_t sendNs) {
+    if (dev != dev_ || !set_) return;
     const int k = kindOf(opcode);
     if (k < 0) return;
     const uint64_t now = nowNs();
-    set_->kind[k].record(now > tk.sendNs ? now - tk.sendNs : 0);
+    set_->kind[k].record(now > sendNs ? now - sendNs : 0);
 }
 
 }  // namespace mqb

@@ -35,9 +35,13 @@ public:
     void onSend(DeviceData& dd, CmdTicket& tk) { tk.sendNs = dd.latencyOn() ? nowNs() : 0; }
     // At completion: records the command when it was stamped at send and
     // belongs to the attached device.
-    void onComplete(const Device* dev, uint8_t opcode, const CmdTicket& tk);
+    void onComplete(const Device* dev, uint8_t opcode, const CmdTicket& tk) {
+        if (tk.sendNs != 0) record(dev, opcode, tk.sendNs);
+    }
 
 private:
+    void record(const Device* dev, uint8_t opcode, uint64_t sendNs);
+
     Device* dev_ = nullptr;
     DeviceData::LatencySet* set_ = nullptr;
 };

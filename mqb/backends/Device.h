@@ -39,6 +39,7 @@ public:
     Backend& backend() { return *backend_; }
     // Data verification and latency state (data mode, journal, histograms).
     DeviceData& data() { return data_; }
+    const DeviceData& data() const { return data_; }
     const std::string& spec() const { return spec_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
