@@ -15,9 +15,9 @@ constexpr uint64_t kGenStep = 1 << 20;
 bool isWrite(uint8_t op) { return op == sbc::kWrite || op == sbc::kWrv; }
 }  // namespace
 
-DataChecker::DataChecker() : bufs_(kBufs) {
-    free_.reserve(kBufs);
-    for (int i = kBufs - 1; i >= 0; --i) free_.push_back(int16_t(i));
+DataChecker::DataChecker() : recs_(new Pending[kRecs]) {
+    free_.reserve(kRecs);
+    for (int i = kRecs - 1; i >= 0; --i) free_.push_back(int16_t(i));
 }
 
 bool DataChecker::grow(Buf& b, uint64_t bytes) {
@@ -29,17 +29,12 @@ bool DataChecker::grow(Buf& b, uint64_t bytes) {
     return true;
 }
 
-int DataChecker::takeBuf(uint64_t bytes) {
-    if (free_.empty()) return -1;
-    const int i = free_.back();
-    if (!grow(bufs_[size_t(i)], bytes)) return -1;  // out of memory: the command goes unchecked
-    free_.pop_back();
-    return i;
-}
-
-void DataChecker::giveBuf(CmdTicket& tk) {
-    if (tk.buf >= 0) free_.push_back(tk.buf);
-    tk.buf = -1;
+void DataChecker::release(CmdTicket& tk) {
+    if (tk.rec >= 0) {
+        recs_[tk.rec].flags = 0;
+        free_.push_back(tk.rec);
+    }
+    tk.rec = -1;
 }
 
 const uint8_t* DataChecker::generated(uint64_t bytes) {
@@ -57,12 +52,11 @@ const uint8_t* DataChecker::generated(uint64_t bytes) {
 }
 
 void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
-    tk.bs = 0;
     DeviceData& dd = dev.data();
     const int mode = dd.mode();
     WriteTracker* tr = dd.tracker();
     // Reads outside keyed compare, and writes with neither generated data
-    // nor a tracker to tell, have nothing to do here: the common case.
+    // nor a tracker to tell, have nothing to do here.
     const bool write = isWrite(c.opcode);
     if (write ? (mode != 3 && mode != 6 && !tr)
               : (mode != 6 || !tr || (c.opcode != sbc::kRead && c.opcode != sbc::kVerify)))
@@ -71,54 +65,55 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
     const uint32_t bs = dev.backend().geometry().blockSize;
     if (bs == 0) return;
     const uint64_t bytes = uint64_t(c.tl) * bs;
-    tk.lba = c.lba, tk.tl = c.tl, tk.bs = bs, tk.opcode = c.opcode;
 
-    if (write) {
-        if (mode == 6 && dd.carriesData() && bs >= kKeyedMinBlock) {
-            const int i = takeBuf(bytes);
-            if (i >= 0) {
-                uint8_t* p = bufs_[size_t(i)].p.get();
-                tk.seq = dd.nextSeq();
-                for (uint32_t b = 0; b < c.tl; ++b) stampBlock(p + uint64_t(b) * bs, bs, c.lba + b, tk.seq);
-                c.writeBuf = p;
-                c.writeLen = bytes;
-                tk.buf = int16_t(i);
-                tk.flags |= CmdTicket::kStamped;
-                if (c.opcode == sbc::kWrv) tk.flags |= CmdTicket::kCheck;
-            }
-        }
-        if (!(tk.flags & CmdTicket::kStamped) && (mode == 3 || mode == 6)) {
-            if (const uint8_t* g = generated(bytes)) {  // else the caller's data go out
-                c.writeBuf = g;
-                c.writeLen = bytes;
-            }
-        }
-        if (tr) {
-            bool overlapped = false;
-            tk.gen = tr->beginWrite(c.lba, c.tl, overlapped);
-            tk.flags |= CmdTicket::kTracked | (overlapped ? CmdTicket::kOverlap : 0);
-        }
+    if (write && !tr) {  // data generation alone: no record to keep
+        if (const uint8_t* g = generated(bytes)) c.writeBuf = g, c.writeLen = bytes;
         return;
     }
-    if (mode != 6 || !tr) return;
-    bool racy = false;
-    tk.gen = tr->beginRead(c.lba, c.tl, racy);
-    if (c.opcode == sbc::kRead) {
-        const int i = takeBuf(bytes);
-        if (i < 0) return;
-        tk.userBuf = c.readBuf;
-        tk.userLen = c.readLen;
-        c.readBuf = bufs_[size_t(i)].p.get();
-        c.readLen = bytes;
-        tk.buf = int16_t(i);
+    if (free_.empty()) return;  // cannot happen below the channel's queue limit
+    tk.rec = free_.back();
+    free_.pop_back();
+    Pending& p = recs_[tk.rec];
+    p.lba = c.lba, p.tl = c.tl, p.bs = bs, p.opcode = c.opcode, p.flags = 0, p.userBuf = nullptr;
+
+    if (write) {
+        if (mode == 6 && dd.carriesData() && bs >= kKeyedMinBlock && grow(p.buf, bytes)) {
+            uint8_t* d = p.buf.p.get();
+            p.seq = dd.nextSeq();
+            for (uint32_t b = 0; b < c.tl; ++b) stampBlock(d + uint64_t(b) * bs, bs, c.lba + b, p.seq);
+            c.writeBuf = d;
+            c.writeLen = bytes;
+            p.flags |= Pending::kStamped;
+            if (c.opcode == sbc::kWrv) p.flags |= Pending::kCheck;
+        }
+        if (!(p.flags & Pending::kStamped) && (mode == 3 || mode == 6)) {
+            if (const uint8_t* g = generated(bytes)) c.writeBuf = g, c.writeLen = bytes;  // else the caller's data
+        }
+        bool overlapped = false;
+        p.gen = tr->beginWrite(c.lba, c.tl, overlapped);
+        p.flags |= Pending::kTracked | (overlapped ? Pending::kOverlap : 0);
+        return;
     }
-    tk.flags |= CmdTicket::kCheck | (racy ? CmdTicket::kRacy : 0);
+    if (c.opcode == sbc::kRead) {
+        if (!grow(p.buf, bytes)) {  // out of memory: the read goes unchecked
+            release(tk);
+            return;
+        }
+        p.userBuf = c.readBuf;
+        p.userLen = c.readLen;
+        c.readBuf = p.buf.p.get();
+        c.readLen = bytes;
+    }
+    bool racy = false;
+    p.gen = tr->beginRead(c.lba, c.tl, racy);
+    p.flags |= Pending::kCheck | (racy ? Pending::kRacy : 0);
 }
 
 void DataChecker::onDrop(Device& dev, CmdTicket& tk) {
-    if (tk.flags & CmdTicket::kTracked) dev.data().tracker()->endWrite(tk.lba, tk.tl);
-    tk.flags = 0;
-    giveBuf(tk);
+    if (tk.rec < 0) return;
+    const Pending& p = recs_[tk.rec];
+    if (p.flags & Pending::kTracked) dev.data().tracker()->endWrite(p.lba, p.tl);
+    release(tk);
 }
 
 uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, uint64_t lba,
@@ -141,12 +136,12 @@ uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, 
     return kNone;
 }
 
-uint64_t DataChecker::readBack(Device& dev, const CmdTicket& tk, const uint8_t* stamped) {
-    const uint64_t per = kReadBackChunk / tk.bs ? kReadBackChunk / tk.bs : 1;
-    if (!grow(scratch_, per * tk.bs)) return kNone;
-    for (uint64_t done = 0; done < tk.tl; done += per) {
-        const uint64_t n = tk.tl - done < per ? tk.tl - done : per;
-        const uint64_t lba = tk.lba + done;
+uint64_t DataChecker::readBack(Device& dev, const Pending& p, const uint8_t* stamped) {
+    const uint64_t per = kReadBackChunk / p.bs ? kReadBackChunk / p.bs : 1;
+    if (!grow(scratch_, per * p.bs)) return kNone;
+    for (uint64_t done = 0; done < p.tl; done += per) {
+        const uint64_t n = p.tl - done < per ? p.tl - done : per;
+        const uint64_t lba = p.lba + done;
         uint8_t cdb[10] = {sbc::kRead, 0, uint8_t(lba >> 24), uint8_t(lba >> 16), uint8_t(lba >> 8),
                            uint8_t(lba), 0, uint8_t(n >> 8), uint8_t(n), 0};
         Command rc;
@@ -156,60 +151,56 @@ uint64_t DataChecker::readBack(Device& dev, const CmdTicket& tk, const uint8_t* 
         rc.lba = lba;
         rc.tl = uint32_t(n);
         rc.readBuf = scratch_.p.get();
-        rc.readLen = n * tk.bs;
+        rc.readLen = n * p.bs;
         Outcome o;
         dev.backend().execute(rc, o);
         if (o.status != MQB_OK) return kNone;  // the medium's own error is not ours to report here
         if (!stamped) {
-            const uint64_t bad = firstBadBlock(dev.data().journal(), scratch_.p.get(), lba, n, tk.bs);
+            const uint64_t bad = firstBadBlock(dev.data().journal(), scratch_.p.get(), lba, n, p.bs);
             if (bad != kNone) return bad;
             continue;
         }
         for (uint64_t b = 0; b < n; ++b)
-            if (std::memcmp(scratch_.p.get() + b * tk.bs, stamped + (done + b) * tk.bs, tk.bs) != 0)
+            if (std::memcmp(scratch_.p.get() + b * p.bs, stamped + (done + b) * p.bs, p.bs) != 0)
                 return lba + b;
     }
     return kNone;
 }
 
 void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
-    if (tk.flags == 0) {
-        giveBuf(tk);
-        return;
-    }
+    const Pending& p = recs_[tk.rec];
     DeviceData& dd = dev.data();
     WriteTracker* tr = dd.tracker();
     const bool good = out.status == MQB_OK;
-    if (tk.flags & CmdTicket::kTracked) {
+    if (p.flags & Pending::kTracked) {
         if (WriteJournal* j = dd.journal()) {
             // What the blocks should now hold: nothing known after a failed
             // or unkeyed write; "some keyed write" when writes raced.
-            const bool raced = (tk.flags & CmdTicket::kOverlap) || tr->changedSince(tk.lba, tk.tl, tk.gen, 1);
-            const uint8_t v = !good || !(tk.flags & CmdTicket::kStamped) ? WriteJournal::kUnknown
-                              : raced ? WriteJournal::kAmbiguous : WriteJournal::valueOf(tk.seq);
-            j->fill(tk.lba, tk.tl, v);
+            const bool raced = (p.flags & Pending::kOverlap) || tr->changedSince(p.lba, p.tl, p.gen, 1);
+            const uint8_t v = !good || !(p.flags & Pending::kStamped) ? WriteJournal::kUnknown
+                              : raced ? WriteJournal::kAmbiguous : WriteJournal::valueOf(p.seq);
+            j->fill(p.lba, p.tl, v);
             // A write that started meanwhile may already have recorded its
             // own value, which this store would have hidden.
             if (v != WriteJournal::kUnknown && v != WriteJournal::kAmbiguous &&
-                tr->changedSince(tk.lba, tk.tl, tk.gen, 1))
-                j->fill(tk.lba, tk.tl, WriteJournal::kAmbiguous);
+                tr->changedSince(p.lba, p.tl, p.gen, 1))
+                j->fill(p.lba, p.tl, WriteJournal::kAmbiguous);
         }
-        tr->endWrite(tk.lba, tk.tl);
+        tr->endWrite(p.lba, p.tl);
     }
     uint64_t bad = kNone;
-    if ((tk.flags & CmdTicket::kCheck) && good) {
-        const bool racy = (tk.flags & (CmdTicket::kRacy | CmdTicket::kOverlap)) ||
-                          (tr && tr->changedSince(tk.lba, tk.tl, tk.gen, 0));
-        const uint8_t* own = tk.buf >= 0 ? bufs_[size_t(tk.buf)].p.get() : nullptr;
-        if (tk.opcode == sbc::kRead) {
-            if (!racy) bad = firstBadBlock(dd.journal(), own, tk.lba, tk.tl, tk.bs);
+    if ((p.flags & Pending::kCheck) && good) {
+        const bool racy = (p.flags & (Pending::kRacy | Pending::kOverlap)) ||
+                          (tr && tr->changedSince(p.lba, p.tl, p.gen, 0));
+        if (p.opcode == sbc::kRead) {
+            if (!racy) bad = firstBadBlock(dd.journal(), p.buf.p.get(), p.lba, p.tl, p.bs);
         } else if (!racy) {
-            bad = readBack(dev, tk, tk.opcode == sbc::kWrv ? own : nullptr);
+            bad = readBack(dev, p, p.opcode == sbc::kWrv ? p.buf.p.get() : nullptr);
         }
     }
-    if (tk.opcode == sbc::kRead && tk.buf >= 0 && tk.userBuf) {
-        const uint64_t bytes = uint64_t(tk.tl) * tk.bs;
-        std::memcpy(tk.userBuf, bufs_[size_t(tk.buf)].p.get(), size_t(tk.userLen < bytes ? tk.userLen : bytes));
+    if (p.opcode == sbc::kRead && p.userBuf) {
+        const uint64_t bytes = uint64_t(p.tl) * p.bs;
+        std::memcpy(p.userBuf, p.buf.p.get(), size_t(p.userLen < bytes ? p.userLen : bytes));
     }
     if (bad != kNone) {
         buildFixedSense(out, 0x0E, 0x1D, 0x00, true, 0, true,
@@ -217,8 +208,7 @@ void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
         dev.noteError();
         dd.noteMiscompare();
     }
-    tk.flags = 0;
-    giveBuf(tk);
+    release(tk);
 }
 
 }  // namespace mqb

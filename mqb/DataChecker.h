@@ -44,8 +44,7 @@ public:
     // `tk`.
     void onSend(Device& dev, Command& c, CmdTicket& tk) {
         // Fast path, inline: no data mode of ours and nothing ever tracked.
-        tk.flags = 0;
-        tk.buf = -1;
+        tk.rec = -1;
         const DeviceData& dd = dev.data();
         if (!dd.tracker()) {
             // Nothing to check: only a write under data generation or keyed
@@ -61,7 +60,7 @@ public:
     // At completion: updates the journal for a write, checks the data of a
     // reader, and turns a good `out` into MISCOMPARE when a block is bad.
     void onComplete(Device& dev, Outcome& out, CmdTicket& tk) {
-        if (tk.flags != 0 || tk.buf >= 0) finish(dev, out, tk);
+        if (tk.rec >= 0) finish(dev, out, tk);
     }
 
     // The first LBA among `n` blocks at `data` (read from `lba` on) that
@@ -81,19 +80,34 @@ private:
         std::unique_ptr<uint8_t, Free> p;
         uint64_t cap = 0;
     };
-    static constexpr int kBufs = 256;          // at most one per command in flight
+    // One command the checker follows from send to completion.
+    struct Pending {
+        enum Flag : uint8_t {
+            kTracked = 1,  // a write registered with the device's write tracker
+            kStamped = 2,  // its data are keyed blocks of sequence `seq`, in `buf`
+            kOverlap = 4,  // another write over its blocks was in flight at send
+            kCheck = 8,    // read back and check its blocks at completion
+            kRacy = 16,    // a write over its blocks was in flight at send
+        };
+        Buf      buf;               // keyed write data or read data, grown on demand
+        uint64_t lba = 0, gen = 0, seq = 0;
+        uint8_t* userBuf = nullptr; // the caller's data-in buffer of a redirected read
+        uint64_t userLen = 0;
+        uint32_t tl = 0, bs = 0;
+        uint8_t  opcode = 0, flags = 0;
+    };
+    static constexpr int kRecs = 256;          // at most one per command in flight
     static constexpr uint64_t kReadBackChunk = 256 * 1024;
 
     static bool grow(Buf& b, uint64_t bytes);  // page-aligned, at least `bytes`; false when out of memory
-    int takeBuf(uint64_t bytes);               // index, or -1 when none is free
-    void giveBuf(CmdTicket& tk);
+    void release(CmdTicket& tk);
     const uint8_t* generated(uint64_t bytes);
     // Reads blocks back through the backend, chunk by chunk, and returns the
     // first bad LBA per `stamped` (nullptr: check keys; else compare bytes),
     // UINT64_MAX when all pass or the read-back itself failed.
-    uint64_t readBack(Device& dev, const CmdTicket& tk, const uint8_t* stamped);
+    uint64_t readBack(Device& dev, const Pending& p, const uint8_t* stamped);
 
-    std::vector<Buf> bufs_;
+    std::unique_ptr<Pending[]> recs_;
     std::vector<int16_t> free_;
     Buf gen_;                   // generated write data, filled once per growth
     std::vector<Buf> retired_;  // outgrown generated buffers writes may still use
