@@ -9,6 +9,7 @@
 #include <string>
 
 #include "DeviceTable.h"
+#include "kiv_version.h"
 #include "MQB.h"
 #include "MQBManager.h"
 #include "MqbCommand.h"
@@ -71,7 +72,9 @@ std::string KivHost::extensionPath() {
 
 int KivHost::loadExtension() {
     const std::string path = extensionPath();
-    void* lib = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    // Local: the extension's symbols stay its own and cannot be bound by other
+    // libraries the interpreter loads later.
+    void* lib = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!lib) {
         const char* why = dlerror();
         Tcl_SetObjResult(interp_, Tcl_ObjPrintf("cannot load the kiv extension \"%s\": %s",
@@ -104,6 +107,7 @@ int KivHost::install(Tcl_Interp* interp) {
 }
 
 extern "C" int Kivhost_Init(Tcl_Interp* interp) {
+    if (Tcl_InitStubs(interp, "8.6", 0) == nullptr) return TCL_ERROR;
     if (KivHost::install(interp) != TCL_OK) return TCL_ERROR;
-    return Tcl_PkgProvide(interp, "kiv", "1.0");
+    return Tcl_PkgProvide(interp, "kiv", KIV_VERSION);
 }

@@ -40,6 +40,9 @@ private:
     std::unique_ptr<MQBManager> manager_;
 };
 
-// The package entry `load libkivhost.so Kivhost` calls: installs the host and
-// provides package kiv.
-extern "C" int Kivhost_Init(Tcl_Interp* interp);
+// The package entry `load libkivhost.so Kivhost` calls: fills the library's
+// Tcl stubs table, installs the host and provides package kiv at the build's
+// version. The one symbol libkivhost.so exports (it is built with hidden
+// visibility).
+extern "C" __attribute__((visibility("default")))
+int Kivhost_Init(Tcl_Interp* interp);

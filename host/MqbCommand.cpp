@@ -18,6 +18,7 @@
 #include "MQB.h"
 #include "MQBErr.h"
 #include "MQBManager.h"
+#include "kiv_version.h"
 
 namespace {
 
@@ -147,6 +148,7 @@ int cmdInfo(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "blocksize", Tcl_NewWideIntObj(s.blockSize));
     dictPut(interp, d, "locked", Tcl_NewBooleanObj(s.locked));
     dictPut(interp, d, "backend", Tcl_NewStringObj(s.backend.c_str(), -1));
+    dictPut(interp, d, "direct", Tcl_NewIntObj(s.direct ? 1 : 0));
     dictPut(interp, d, "journal", Tcl_NewBooleanObj(s.journal));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
@@ -277,8 +279,8 @@ const char* const kKindNames[] = {"check", "timeout", "refuse", "status", "delay
 // Reads the options of `fault IDX add` (from objv[4]) into `rule`.
 int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::FaultRule& rule) {
     static const char* const opts[] = {"-op", "-lba", "-every", "-count", "-status",
-                                       "-sense", "-uec", "-info", "-delay", nullptr};
-    enum { OP, LBA, EVERY, COUNT, STATUS, SENSE, UEC, INFO, DELAY };
+                                       "-sense", "-uec", "-info", "-senselen", "-delay", nullptr};
+    enum { OP, LBA, EVERY, COUNT, STATUS, SENSE, UEC, INFO, SENSELEN, DELAY };
     bool haveStatus = false, haveDelay = false;
     for (int i = 4; i < objc; i += 2) {
         int opt;
@@ -355,6 +357,13 @@ int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::Fau
             rule.info = b != 0;
             break;
         }
+        case SENSELEN: {
+            int n;
+            if (Tcl_GetIntFromObj(nullptr, v, &n) != TCL_OK || (n != 18 && n != 32))
+                return fail(interp, std::string("bad -senselen \"") + text + "\": must be 18 or 32");
+            rule.senseLen = uint8_t(n);
+            break;
+        }
         case DELAY: {
             Tcl_WideInt n;
             if (getCount(interp, v, "-delay", 100000000, n) != TCL_OK) return TCL_ERROR;
@@ -394,6 +403,7 @@ Tcl_Obj* describeRule(Tcl_Interp* interp, const mqb::FaultRule& r) {
         dictPut(interp, d, "uec", Tcl_NewStringObj("", 0));
     }
     dictPut(interp, d, "info", Tcl_NewBooleanObj(r.info));
+    dictPut(interp, d, "senselen", Tcl_NewIntObj(r.senseLen));
     dictPut(interp, d, "matches", wideObj(r.matches));
     dictPut(interp, d, "fired", wideObj(r.fired));
     return d;
@@ -598,15 +608,21 @@ int cmdJournal(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     return TCL_OK;
 }
 
+int cmdVersion(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc != 2) { Tcl_WrongNumArgs(interp, 2, objv, nullptr); return TCL_ERROR; }
+    Tcl_SetObjResult(interp, Tcl_NewStringObj(KIV_VERSION, -1));
+    return TCL_OK;
+}
+
 }  // namespace
 
 int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static const char* const subs[] = {"add", "buffer", "clone", "close", "current", "devices",
                                        "driver", "fault", "info", "journal", "latency", "lock",
                                        "open", "recvbuffer", "reset", "select", "sendbuffer",
-                                       "stats", "trace", nullptr};
+                                       "stats", "trace", "version", nullptr};
     enum { ADD, BUFFER, CLONE, CLOSE, CURRENT, DEVICES, DRIVER, FAULT, INFO, JOURNAL, LATENCY,
-           LOCK, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE };
+           LOCK, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
     auto* host = static_cast<KivHost*>(clientData);
     if (objc < 2) { Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?"); return TCL_ERROR; }
     int which;
@@ -632,6 +648,7 @@ int mqbObjCmd(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* cons
     case SENDBUFFER: return cmdBufferIndex(host, interp, objc, objv, true);
     case STATS:      return cmdStats(interp, objc, objv);
     case TRACE:      return cmdTrace(interp, objc, objv);
+    case VERSION:    return cmdVersion(interp, objc, objv);
     }
     return TCL_ERROR;
 }

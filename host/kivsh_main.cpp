@@ -1,12 +1,15 @@
 // kivsh_main.cpp: kivsh, a tclsh with the kiv host built in. `kivsh script.tcl
 // ?arg ...?` runs a script as tclsh does; with no script it reads commands from
 // standard input. Tk is loaded (its main window withdrawn) when a display is there.
+// `kivsh --version` prints the version and exits.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <tcl.h>
 
 #include "KivHost.h"
+#include "kiv_version.h"
 
 namespace {
 
@@ -46,6 +49,10 @@ int appInit(Tcl_Interp* interp) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("kivsh %s\n", KIV_VERSION);
+        return 0;
+    }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     Tcl_Main(argc, argv, appInit);
     return 0;

@@ -11,6 +11,7 @@
 #include "KIVControl.h"
 #include "MQBManager.h"
 #include "Parsers.h"
+#include "Scsi.h"
 #include "TCLErrStr.h"
 #include "Utils.h"
 
@@ -135,7 +136,7 @@ int applyTransLen(const char* v, MQBManager* manager, Tcl_Interp* interp) {
         rec.one = 1;
         rec.cdbLen = 10;
         rec.readLen = 8;
-        rec.cdb[0] = 0x25;
+        rec.cdb[0] = scsi::kReadCapacity10;
         rec.readBuf = data;
         if (mqb->send(reinterpret_cast<unsigned char*>(&rec)) != 0) return TCL_ERROR;
         if (mqb->receive() != 0) return TCL_ERROR;

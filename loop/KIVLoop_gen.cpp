@@ -10,6 +10,7 @@
 
 #include "KIVControl.h"
 #include "MQB.h"
+#include "Scsi.h"
 
 namespace {
 
@@ -17,7 +18,8 @@ constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr uint64_t kWriteBuffBytes = 1000000;
 
 // SCSI operation codes and the command codes shown as KIVControl::cmdstr.
-constexpr uint8_t kOpcode[5] = {0x28, 0x2A, 0x00, 0x2E, 0x2F};
+constexpr uint8_t kOpcode[5] = {scsi::kRead10, scsi::kWrite10, 0x00, scsi::kWriteVerify10,
+                                scsi::kVerify10};
 enum { CMD_READ = 0, CMD_WRITE = 1, CMD_WRV = 3, CMD_VERIFY = 4 };
 
 inline uint64_t draw() { return (uint64_t)KIVLoop::hirand(); }
@@ -203,13 +205,9 @@ void KIVLoop::loadFunc() {
     uint8_t* c = rec.cdb;
     c[0] = kOpcode[cmd];
     c[1] = 0;
-    c[2] = (uint8_t)(lba >> 24);
-    c[3] = (uint8_t)(lba >> 16);
-    c[4] = (uint8_t)(lba >> 8);
-    c[5] = (uint8_t)lba;
+    scsi::putBe32(c + 2, (uint32_t)lba);  // LBAs are carried in 32 bits
     c[6] = 0;
-    c[7] = (uint8_t)(tl >> 8);
-    c[8] = (uint8_t)tl;
+    scsi::putBe16(c + 7, (uint16_t)tl);   // and transfer lengths in 16
     c[9] = 0;
     rec.tag = tag;
 

@@ -5,6 +5,7 @@
 #include "KeyedBlock.h"
 #include "MQBErr.h"
 #include "backends/Device.h"
+#include "backends/Queue.h"
 
 namespace mqb {
 
@@ -12,13 +13,15 @@ namespace {
 constexpr uint64_t kNone = UINT64_MAX;
 constexpr uint64_t kGenStep = 1 << 20;
 
-bool isWrite(uint8_t op) { return op == sbc::kWrite || op == sbc::kWrv; }
+bool isWrite(uint8_t op) { return op == scsi::kWrite10 || op == scsi::kWriteVerify10; }
 }  // namespace
 
 DataChecker::DataChecker() : recs_(new Pending[kRecs]) {
     free_.reserve(kRecs);
     for (int i = kRecs - 1; i >= 0; --i) free_.push_back(int16_t(i));
 }
+
+DataChecker::~DataChecker() = default;
 
 bool DataChecker::grow(Buf& b, uint64_t bytes) {
     if (b.cap >= bytes) return true;
@@ -59,7 +62,7 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
     // nor a tracker to tell, have nothing to do here.
     const bool write = isWrite(c.opcode);
     if (write ? (mode != 3 && mode != 6 && !tr)
-              : (mode != 6 || !tr || (c.opcode != sbc::kRead && c.opcode != sbc::kVerify)))
+              : (mode != 6 || !tr || (c.opcode != scsi::kRead10 && c.opcode != scsi::kVerify10)))
         return;
     if (c.tl == 0) return;
     const uint32_t bs = dev.backend().geometry().blockSize;
@@ -84,7 +87,7 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
             c.writeBuf = d;
             c.writeLen = bytes;
             p.flags |= Pending::kStamped;
-            if (c.opcode == sbc::kWrv) p.flags |= Pending::kCheck;
+            if (c.opcode == scsi::kWriteVerify10) p.flags |= Pending::kCheck;
         }
         if (!(p.flags & Pending::kStamped) && (mode == 3 || mode == 6)) {
             if (const uint8_t* g = generated(bytes)) c.writeBuf = g, c.writeLen = bytes;  // else the caller's data
@@ -94,7 +97,7 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
         p.flags |= Pending::kTracked | (overlapped ? Pending::kOverlap : 0);
         return;
     }
-    if (c.opcode == sbc::kRead) {
+    if (c.opcode == scsi::kRead10) {
         if (!grow(p.buf, bytes)) {  // out of memory: the read goes unchecked
             release(tk);
             return;
@@ -136,25 +139,47 @@ uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, 
     return kNone;
 }
 
+// Runs one read-back READ(10) on the checker's own queue to `dev` (opened on
+// first use, again when the device changes) and waits for it. Returns the
+// command's status; MQB_ERR_NO_MEMORY when the device gives no queue.
+int DataChecker::readSync(Device& dev, uint64_t lba, uint32_t n, uint8_t* buf, uint32_t bs) {
+    if (rbDev_ != &dev || !rbQueue_) {
+        rbQueue_.reset();
+        rbDev_ = &dev;
+        rbQueue_ = dev.backend().openQueue(1);
+        if (!rbQueue_) return MQB_ERR_NO_MEMORY;
+    }
+    uint8_t cdb[10] = {scsi::kRead10, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    scsi::putBe32(cdb + 2, uint32_t(lba));
+    scsi::putBe16(cdb + 7, uint16_t(n));
+    Command rc;
+    rc.cdb = cdb;
+    rc.cdbLen = 10;
+    rc.opcode = scsi::kRead10;
+    rc.lba = lba;
+    rc.tl = n;
+    rc.readBuf = buf;
+    rc.readLen = uint64_t(n) * bs;
+    Outcome o;
+    const int sub = rbQueue_->submit(rc, &o, 0);
+    if (sub != MQB_OK) return sub;
+    uint64_t token;
+    const int got = rbQueue_->reap(&token, 1, 1, -1);
+    if (got < 0) {
+        rbQueue_.reset();  // the transport is gone; the next read-back opens anew
+        return got;
+    }
+    return got == 1 ? o.status : MQB_ERR_IO;
+}
+
 uint64_t DataChecker::readBack(Device& dev, const Pending& p, const uint8_t* stamped) {
     const uint64_t per = kReadBackChunk / p.bs ? kReadBackChunk / p.bs : 1;
     if (!grow(scratch_, per * p.bs)) return kNone;
     for (uint64_t done = 0; done < p.tl; done += per) {
         const uint64_t n = p.tl - done < per ? p.tl - done : per;
         const uint64_t lba = p.lba + done;
-        uint8_t cdb[10] = {sbc::kRead, 0, uint8_t(lba >> 24), uint8_t(lba >> 16), uint8_t(lba >> 8),
-                           uint8_t(lba), 0, uint8_t(n >> 8), uint8_t(n), 0};
-        Command rc;
-        rc.cdb = cdb;
-        rc.cdbLen = 10;
-        rc.opcode = sbc::kRead;
-        rc.lba = lba;
-        rc.tl = uint32_t(n);
-        rc.readBuf = scratch_.p.get();
-        rc.readLen = n * p.bs;
-        Outcome o;
-        dev.backend().execute(rc, o);
-        if (o.status != MQB_OK) return kNone;  // the medium's own error is not ours to report here
+        if (readSync(dev, lba, uint32_t(n), scratch_.p.get(), p.bs) != MQB_OK)
+            return kNone;  // the medium's own error is not ours to report here
         if (!stamped) {
             const uint64_t bad = firstBadBlock(dev.data().journal(), scratch_.p.get(), lba, n, p.bs);
             if (bad != kNone) return bad;
@@ -192,20 +217,19 @@ void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
     if ((p.flags & Pending::kCheck) && good) {
         const bool racy = (p.flags & (Pending::kRacy | Pending::kOverlap)) ||
                           (tr && tr->changedSince(p.lba, p.tl, p.gen, 0));
-        if (p.opcode == sbc::kRead) {
+        if (p.opcode == scsi::kRead10) {
             if (!racy) bad = firstBadBlock(dd.journal(), p.buf.p.get(), p.lba, p.tl, p.bs);
         } else if (!racy) {
-            bad = readBack(dev, p, p.opcode == sbc::kWrv ? p.buf.p.get() : nullptr);
+            bad = readBack(dev, p, p.opcode == scsi::kWriteVerify10 ? p.buf.p.get() : nullptr);
         }
     }
-    if (p.opcode == sbc::kRead && p.userBuf) {
+    if (p.opcode == scsi::kRead10 && p.userBuf) {
         const uint64_t bytes = uint64_t(p.tl) * p.bs;
         std::memcpy(p.userBuf, p.buf.p.get(), size_t(p.userLen < bytes ? p.userLen : bytes));
     }
     if (bad != kNone) {
-        buildFixedSense(out, 0x0E, 0x1D, 0x00, true, 0, true,
-                        bad > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(bad));
-        dev.noteError();
+        // The channel counts the failed command among the device's errors.
+        buildFixedSense(out, scsi::kKeyMiscompare, scsi::kMiscompareVerify, true, bad);
         dd.noteMiscompare();
     }
     release(tk);

@@ -11,8 +11,8 @@
 //  - READ: the read goes into a channel buffer, checked at completion, then
 //    copied to the caller's buffer.
 //  - VERIFY and WRITE AND VERIFY: after the device completed the command
-//    well, the channel reads the blocks back itself (synchronously, in
-//    chunks) and checks them; for WRITE AND VERIFY the read-back must equal
+//    well, the checker reads the blocks back (in chunks, through a queue of
+//    its own to the device, waiting for each) and checks them; for WRITE AND VERIFY the read-back must equal
 //    the stamped data byte for byte.
 //  - A backend that gives back no data (a simulated disk without a store) is
 //    not checked at all.
@@ -31,11 +31,13 @@
 
 namespace mqb {
 
+class Queue;
 class WriteJournal;
 
 class DataChecker {
 public:
     DataChecker();
+    ~DataChecker();
     DataChecker(const DataChecker&) = delete;
     DataChecker& operator=(const DataChecker&) = delete;
 
@@ -50,7 +52,7 @@ public:
             // Nothing to check: only a write under data generation or keyed
             // compare has anything to do.
             const int m = dd.mode();
-            if ((m != 3 && m != 6) || (c.opcode != sbc::kWrite && c.opcode != sbc::kWrv)) return;
+            if ((m != 3 && m != 6) || (c.opcode != scsi::kWrite10 && c.opcode != scsi::kWriteVerify10)) return;
         }
         prepare(dev, c, tk);
     }
@@ -102,7 +104,8 @@ private:
     static bool grow(Buf& b, uint64_t bytes);  // page-aligned, at least `bytes`; false when out of memory
     void release(CmdTicket& tk);
     const uint8_t* generated(uint64_t bytes);
-    // Reads blocks back through the backend, chunk by chunk, and returns the
+    int readSync(Device& dev, uint64_t lba, uint32_t n, uint8_t* buf, uint32_t bs);
+    // Reads blocks back through the checker's own queue, chunk by chunk, and returns the
     // first bad LBA per `stamped` (nullptr: check keys; else compare bytes),
     // UINT64_MAX when all pass or the read-back itself failed.
     uint64_t readBack(Device& dev, const Pending& p, const uint8_t* stamped);
@@ -112,6 +115,9 @@ private:
     Buf gen_;                   // generated write data, filled once per growth
     std::vector<Buf> retired_;  // outgrown generated buffers writes may still use
     Buf scratch_;               // read-back chunks
+    // The read-back's own queue, to the device it was opened on.
+    Device* rbDev_ = nullptr;
+    std::unique_ptr<Queue> rbQueue_;
 };
 
 }  // namespace mqb

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+// Part of libMQB.so's exported interface, like DeviceTable.h: the host calls it.
+#pragma GCC visibility push(default)
 namespace mqb {
 
 // Figures of one command kind since the last latency reset, in microseconds.
@@ -36,3 +38,4 @@ bool journalSave(int idx, const std::string& path, std::string& err);
 bool journalLoad(int idx, const std::string& path, std::string& err);
 
 }  // namespace mqb
+#pragma GCC visibility pop

@@ -6,6 +6,7 @@
 #include <mutex>
 #include "backends/Device.h"
 #include "backends/FileDisk.h"
+#include "backends/IscsiDisk.h"
 #include "backends/SgDisk.h"
 #include "backends/SimDisk.h"
 
@@ -91,6 +92,7 @@ std::unique_ptr<Backend> makeBackend(const std::string& spec, CommonKeys& keys, 
     }
     if (type == "file") return FileDisk::open(params, err);
     if (type == "sg") return SgDisk::open(params, err);
+    if (type == "iscsi") return IscsiDisk::open(spec, err);
     err = "unknown device type \"" + type + "\"";
     return nullptr;
 }
@@ -131,6 +133,7 @@ bool deviceSummary(int idx, DeviceSummary& out) {
     out.blocks = geo.blocks ? geo.blocks - 1 : 0;
     out.blockSize = geo.blockSize;
     out.locked = d->locked();
+    out.direct = d->backend().direct();
     out.journal = d->data().carriesData() && d->data().journalAllowed(geo.blocks);
     return true;
 }

@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+// Everything declared here is part of libMQB.so's exported interface: the host
+// drives the device table through it.
+#pragma GCC visibility push(default)
 namespace mqb {
 
 // A scripted fault of the simulated disk. A rule matches a command of its `op`
@@ -28,8 +31,9 @@ struct FaultRule {
     int      status = 0;             // for Kind::Status, a negative code
     uint32_t delayUs = 0;            // for Kind::Delay
     uint8_t  key = 0x03, asc = 0x11, ascq = 0x00;
-    bool     hasUec = false;         // true: 32-byte sense with the UEC at 20-21
-    uint16_t uec = 0;
+    bool     hasUec = false;         // a UEC was given (it is 0 otherwise)
+    uint16_t uec = 0;                // vendor code in bytes 20-21 of 32-byte sense
+    uint8_t  senseLen = 32;          // 32 (with the UEC) or 18
     bool     info = false;           // VALID + INFORMATION = first LBA in range
     uint64_t matches = 0;            // bookkeeping: matches seen
     uint64_t fired = 0;              // bookkeeping: times fired
@@ -57,10 +61,11 @@ struct TraceEntry {
 
 struct DeviceSummary {
     std::string spec;
-    std::string backend;             // "sim", "file", "sg"
+    std::string backend;             // "sim", "file", "sg", "iscsi"
     uint64_t    blocks = 0;          // capacity as DeviceInfo reports it (last LBA)
     uint32_t    blockSize = 0;
     bool        locked = false;
+    bool        direct = false;      // data bypasses the page cache (file: with O_DIRECT)
     bool        journal = false;     // small enough for a lost-write journal
 };
 
@@ -89,3 +94,4 @@ bool reset(int idx);
 void clearAllDevices();
 
 }  // namespace mqb
+#pragma GCC visibility pop

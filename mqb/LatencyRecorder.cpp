@@ -20,10 +20,10 @@ void LatencyRecorder::detach() {
 
 int LatencyRecorder::kindOf(uint8_t opcode) {
     switch (opcode) {
-    case sbc::kRead: return DeviceData::kRead;
-    case sbc::kWrite:
-    case sbc::kWrv: return DeviceData::kWrite;
-    case sbc::kVerify: return DeviceData::kVerify;
+    case scsi::kRead10: return DeviceData::kRead;
+    case scsi::kWrite10:
+    case scsi::kWriteVerify10: return DeviceData::kWrite;
+    case scsi::kVerify10: return DeviceData::kVerify;
     default: return -1;
     }
 }

@@ -1,33 +1,44 @@
 // MQB.cpp: a channel to the device table: device selection, the ioctls, and
-// the fixed-size completion queue that send() fills and receive() drains.
-// Data commands of file devices run through the channel's own io_uring (made
-// on the first such command); they join the completion queue when the kernel
-// completes them. Without io_uring they run synchronously inside send().
+// the completion path. A command goes through the device's front (counters,
+// trace, fault rules) and then into the channel's queue to that device
+// (Queue.h), opened on the first command after the device was selected and
+// kept for the channel's life. Sends since the last receive are handed to the
+// device in one commit; receive() takes completions from the queue in
+// batches and gives them out one at a time, in the order the device finished
+// them. The channel knows no transport.
+//
+// Around the queue sit the channel's data checker and latency recorder: at
+// send, before the device's front, the checker may swap the command's data
+// buffers for its own (generated or keyed write data, a read to be checked)
+// and the recorder stamps the time; as a completion leaves the queue the
+// recorder takes its latency and the checker checks what came back, which may
+// turn a good completion into MISCOMPARE. A command a delay fault rule picked
+// is held back by the channel until its extra time has passed, whatever the
+// transport.
 #include "MQB.h"
-#include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <chrono>
 #include <cstring>
 #include <thread>
+#include <vector>
 #include "DataChecker.h"
 #include "DeviceTable.h"
 #include "LatencyRecorder.h"
 #include "MQBErr.h"
+#include "Scsi.h"
 #include "backends/Device.h"
-#if MQB_HAVE_URING
-#include <liburing.h>
-#endif
+#include "backends/Queue.h"
 
 namespace {
 
-constexpr int kQueueCap = 256;  // power of two: ring indexes wrap with a mask
-constexpr uint8_t kOpReadCapacity = 0x25;
+// Commands one channel holds at once (the largest queue depth ioctl 106
+// takes). A power of two: the ready ring wraps with a mask.
+constexpr int kQueueCap = 256;
 
-uint64_t nowNs() {
-    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::steady_clock::now().time_since_epoch()).count());
-}
+// How long receive() waits on one queue before looking at the others, when
+// commands are out on more than one device.
+constexpr int64_t kPollNs = 1000000;
 
 uint32_t ld32(const unsigned char* p) {
     uint32_t v;
@@ -48,29 +59,33 @@ T* ldPtr(const unsigned char* p) {
     return v;
 }
 
-// One command between send() and receive().
+struct Lane;
+
+// One command between send() and receive(). Its index is the token the queue
+// hands back.
 struct Slot {
-    uint64_t     due;   // steady-clock ns when it finishes; 0 = at once
     mqb::Device* dev;
+    Lane*        lane;  // the queue holding the command; null once it left it
+    bool         fromQueue;  // completed by the backend, not by the device's front
+    mqb::ChannelCounters* counters;  // the channel's counters on `dev`
     uint32_t     tag;
     uint8_t      opcode;
     uint8_t      cdbLen;
     uint8_t      cdb[16];
+    bool         used;      // between an accepted send and its receive
+    mqb::CmdTicket tk;      // the data checker's and latency recorder's state
+    uint64_t     holdUntil; // steady-clock ns a delayed completion is held to
     mqb::Outcome out;
-    mqb::CmdTicket tk;  // data check and latency state of the command
 };
 
-#if MQB_HAVE_URING
-constexpr unsigned kRingEntries = kQueueCap;  // one SQE per command the channel can hold
-constexpr uint64_t kScratch = 256 * 1024;     // VERIFY reads its blocks here, in chunks
-
-// A command handed to io_uring: its slot (copied into the completion queue
-// when done) and what is left of its transfer.
-struct AsyncOp {
-    Slot            s;
-    mqb::IoRequest  io;
+// The channel's queue to one device, with the commands the device holds.
+struct Lane {
+    mqb::Device*                device;
+    mqb::ChannelCounters*       counters;  // this channel's counters on the device
+    std::unique_ptr<mqb::Queue> queue;
+    int                         uncommitted = 0;  // submitted since the last commit
+    int                         atDevice = 0;     // committed and not yet reaped
 };
-#endif
 
 }  // namespace
 
@@ -78,13 +93,27 @@ struct MQB::Impl {
     std::string  driver;
     int          devIdx = -1;
     mqb::Device* dev = nullptr;
+    Lane*        lane = nullptr;  // lane of `dev`, once opened
     bool         cloneOk = true;
     int          logLevel = 0;
 
-    // Completions, kept sorted by due time from ring[head] on.
-    Slot ring[kQueueCap];
-    int  head = 0;
-    int  count = 0;
+    Slot slots[kQueueCap];
+    int  freeSlots[kQueueCap];  // stack of unused slot indexes
+    int  nFree = kQueueCap;
+    // Finished commands not yet received, in finishing order.
+    int  ready[kQueueCap];
+    int  readyHead = 0, readyCount = 0;
+    // Commands in some lane's queue; sends not yet committed, over all lanes.
+    int  inQueues = 0, uncommitted = 0;
+    std::vector<std::unique_ptr<Lane>> lanes;  // one per device used, few
+    uint64_t tokens[kQueueCap];
+    // Completions a delay fault holds back, in no order (few at once).
+    int  delayed[kQueueCap];
+    int  nDelayed = 0;
+
+    // Keyed / generated data and latency recording of this channel.
+    mqb::DataChecker     data;
+    mqb::LatencyRecorder lat;
 
     // The last completion received and the last failure's sense.
     bool     haveLast = false;
@@ -94,198 +123,193 @@ struct MQB::Impl {
     uint8_t  senseLen = 0;
     uint8_t  sense[mqb::kMaxSense] = {};
 
-    // Commands with the kernel, not yet in the completion queue.
-    int  pending = 0;
-    // Set once io_uring turned out to be unavailable: file devices then run
-    // synchronously. Always set without liburing.
-#if MQB_HAVE_URING
-    bool asyncOff = false;
-    bool ringUp = false;
-    io_uring uring{};
-    std::unique_ptr<AsyncOp[]> ops;      // kQueueCap entries; the SQE user_data indexes them
-    std::unique_ptr<int[]> freeOps;      // stack of unused op indexes
-    int  nFree = 0;
-    std::unique_ptr<uint8_t[]> scratch;  // kScratch bytes, shared by every VERIFY
-#else
-    bool asyncOff = true;
-#endif
+    explicit Impl(const std::string& d) : driver(d) {
+        for (int i = 0; i < kQueueCap; ++i) {
+            freeSlots[i] = kQueueCap - 1 - i;
+            slots[i].used = false;
+        }
+    }
 
-    // Keyed / generated data and latency recording of this channel.
-    mqb::DataChecker     data;
-    mqb::LatencyRecorder lat;
-
-    explicit Impl(const std::string& d) : driver(d) {}
+    void pushReady(int slot) {
+        ready[(readyHead + readyCount) & (kQueueCap - 1)] = slot;
+        ++readyCount;
+    }
+    // A command is done at the device: its latency is recorded, its data
+    // checked (which may change its outcome) and it is ready to be received.
+    void complete(int idx) {
+        Slot& s = slots[idx];
+        lat.onComplete(s.dev, s.opcode, s.tk);
+        data.onComplete(*s.dev, s.out, s.tk);
+        pushReady(idx);
+    }
+    void promoteDue();
+    uint64_t earliestHold() const;
+    Lane* laneOf(mqb::Device* d);
+    void commitAll();
+    int  collect();
+    void reapLane(Lane& l, int min, int64_t timeoutNs);
+    void failLane(Lane& l, int status);
 };
 
 namespace {
+// Counts a lane's uncommitted commands as at the device, and hands them to
+// it unless the caller is about to reap (a reap commits by itself).
+void commitLane(MQB::Impl& m, Lane& l, bool reapFollows) {
+    if (l.uncommitted == 0) return;
+    l.device->enter(*l.counters, uint64_t(l.uncommitted));
+    l.atDevice += l.uncommitted;
+    m.uncommitted -= l.uncommitted;
+    l.uncommitted = 0;
+    if (!reapFollows) l.queue->commit();  // a failed commit is retried by the next commit or reap
+}
+}  // namespace
 
-// Moves the slot at `pos` (the tail) towards the head until the queue is
-// ordered by due time again; equal times stay in arrival order.
-void insertSorted(MQB::Impl& m, int pos) {
-    while (pos != m.head) {
-        const int prev = (pos - 1) & (kQueueCap - 1);
-        if (m.ring[prev].due <= m.ring[pos].due) break;
-        std::swap(m.ring[prev], m.ring[pos]);
-        pos = prev;
-    }
-    ++m.count;
+// The lane of device `d`, opening its queue the first time. Null when the
+// device gives no queue.
+Lane* MQB::Impl::laneOf(mqb::Device* d) {
+    for (auto& l : lanes)
+        if (l->device == d) return l.get();
+    std::unique_ptr<mqb::Queue> q = d->backend().openQueue(kQueueCap);
+    if (!q) return nullptr;
+    auto l = std::make_unique<Lane>();
+    l->device = d;
+    l->counters = d->attachChannel();
+    l->queue = std::move(q);
+    lanes.push_back(std::move(l));
+    return lanes.back().get();
 }
 
-#if MQB_HAVE_URING
-// Makes the channel's io_uring and its fixed buffers. Returns false (and
-// switches the channel to synchronous I/O for good) when the kernel refuses.
-bool startRing(MQB::Impl& m) {
-    if (m.ringUp) return true;
-    if (io_uring_queue_init(kRingEntries, &m.uring, 0) < 0) {
-        m.asyncOff = true;
-        return false;
-    }
-    m.ringUp = true;
-    m.ops.reset(new AsyncOp[kQueueCap]);
-    m.freeOps.reset(new int[kQueueCap]);
-    m.scratch.reset(new uint8_t[kScratch]);
-    for (int i = 0; i < kQueueCap; ++i) m.freeOps[i] = kQueueCap - 1 - i;
-    m.nFree = kQueueCap;
-    return true;
+void MQB::Impl::commitAll() {
+    for (auto& l : lanes) commitLane(*this, *l, false);
 }
 
-// Queues the next piece of op `i`'s transfer and submits it. Never fails:
-// there is an SQE for every op, and an SQE the kernel could not take yet is
-// submitted again before the channel waits.
-void queueIo(MQB::Impl& m, int i) {
-    AsyncOp& op = m.ops[i];
-    io_uring_sqe* sqe = io_uring_get_sqe(&m.uring);
-    if (!sqe) {
-        io_uring_submit(&m.uring);
-        sqe = io_uring_get_sqe(&m.uring);
-    }
-    const uint64_t cap = op.io.kind == mqb::IoRequest::Kind::Verify ? kScratch : 1u << 30;
-    const unsigned len = unsigned(op.io.len < cap ? op.io.len : cap);
-    if (op.io.kind == mqb::IoRequest::Kind::Write)
-        io_uring_prep_write(sqe, op.io.fd, op.io.buf, len, op.io.off);
-    else
-        io_uring_prep_read(sqe, op.io.fd,
-                           op.io.kind == mqb::IoRequest::Kind::Verify ? m.scratch.get() : op.io.buf,
-                           len, op.io.off);
-    io_uring_sqe_set_data64(sqe, uint64_t(i));
-    io_uring_submit(&m.uring);
-}
-
-// Takes one kernel completion. A partial transfer (or an interrupted one) is
-// continued with a new SQE; a finished or failed op moves into the
-// completion queue, due now, with MEDIUM ERROR sense when it failed. Marks
-// the CQE seen.
-void takeCqe(MQB::Impl& m, io_uring_cqe* cqe) {
-    const int i = int(io_uring_cqe_get_data64(cqe));
-    const int res = cqe->res;
-    io_uring_cqe_seen(&m.uring, cqe);
-    AsyncOp& op = m.ops[i];
-    bool failed = false;
-    if (res == -EINTR || res == -EAGAIN) {
-        queueIo(m, i);
+// Reaps what lane `l` has finished (at least `min`, waiting up to
+// `timeoutNs`) onto the ready ring.
+void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
+    commitLane(*this, l, true);
+    const int n = l.queue->reap(tokens, min, kQueueCap, timeoutNs);
+    if (n < 0) {
+        failLane(l, n);
         return;
     }
-    if (res <= 0) {
-        failed = true;  // an error, or end of file inside the device's range
-    } else {
-        op.io.off += uint64_t(res);
-        op.io.len -= uint64_t(res);
-        if (op.io.kind != mqb::IoRequest::Kind::Verify) op.io.buf += res;
-        if (op.io.len > 0) {
-            queueIo(m, i);
-            return;
+    uint64_t now = 0;
+    for (int i = 0; i < n; ++i) {
+        Slot& s = slots[tokens[i]];
+        s.lane = nullptr;
+        if (s.tk.delayUs == 0) {
+            complete(int(tokens[i]));
+            continue;
         }
+        // A delay fault rule picked it: held from now for the rule's time.
+        if (now == 0) now = mqb::LatencyRecorder::nowNs();
+        s.holdUntil = now + uint64_t(s.tk.delayUs) * 1000;
+        delayed[nDelayed++] = int(tokens[i]);
     }
-    if (failed) {
-        const bool write = op.io.kind == mqb::IoRequest::Kind::Write;
-        mqb::buildFixedSense(op.s.out, 0x03, write ? 0x0C : 0x11, 0x00, false, 0, false, 0);
-        op.s.dev->noteError();
-    }
-    op.s.due = nowNs() + uint64_t(op.s.tk.delayUs) * 1000;  // a delay fault postpones it
-    const int pos = (m.head + m.count) & (kQueueCap - 1);
-    m.ring[pos] = op.s;
-    insertSorted(m, pos);
-    --m.pending;
-    m.freeOps[m.nFree++] = i;
+    l.atDevice -= n;
+    inQueues -= n;
+    l.device->leave(*l.counters, uint64_t(n));
 }
 
-// Takes every completion the kernel already has, without waiting.
-void reapReady(MQB::Impl& m) {
-    io_uring_cqe* cqe;
-    while (m.pending > 0 && io_uring_peek_cqe(&m.uring, &cqe) == 0) takeCqe(m, cqe);
+// The lane's transport can no longer be waited on: every command it holds
+// completes with `status`.
+void MQB::Impl::failLane(Lane& l, int status) {
+    for (int i = 0; i < kQueueCap; ++i) {
+        Slot& s = slots[i];
+        if (s.lane != &l) continue;
+        s.lane = nullptr;
+        s.out.status = status;
+        s.out.senseLen = 0;
+        complete(i);
+        --inQueues;
+    }
+    l.device->leave(*l.counters, uint64_t(l.atDevice));
+    uncommitted -= l.uncommitted;
+    l.atDevice = l.uncommitted = 0;
 }
 
-// Makes sure the head of the completion queue is the earliest completion:
-// takes what the kernel has, then waits for the kernel while the queue is
-// empty or its head is not due yet (a simulated latency). Returns false when
-// the kernel cannot be waited on and the queue is still empty.
-bool awaitHead(MQB::Impl& m) {
-    reapReady(m);
-    while (m.pending > 0) {
-        io_uring_submit(&m.uring);  // anything the kernel could not take before
-        io_uring_cqe* cqe = nullptr;
-        int rc;
-        if (m.count > 0) {
-            const uint64_t due = m.ring[m.head].due, now = nowNs();
-            if (due <= now) break;
-            __kernel_timespec ts{};
-            ts.tv_sec = int64_t((due - now) / 1000000000u);
-            ts.tv_nsec = int64_t((due - now) % 1000000000u);
-            rc = io_uring_wait_cqe_timeout(&m.uring, &cqe, &ts);
-            if (rc == -ETIME) break;
+// Moves every held completion whose time has come to the ready ring.
+void MQB::Impl::promoteDue() {
+    const uint64_t now = mqb::LatencyRecorder::nowNs();
+    for (int i = 0; i < nDelayed;) {
+        if (slots[delayed[i]].holdUntil <= now) {
+            complete(delayed[i]);
+            delayed[i] = delayed[--nDelayed];
         } else {
-            rc = io_uring_wait_cqe(&m.uring, &cqe);
+            ++i;
         }
-        if (rc == -EINTR) continue;
-        if (rc < 0) break;
-        takeCqe(m, cqe);
-        reapReady(m);
     }
-    return m.count > 0;
 }
 
-// Waits for every op still with the kernel and drops it, then frees the ring.
-// The kernel must be done with the callers' buffers before the channel goes.
-void stopRing(MQB::Impl& m) {
-    if (!m.ringUp) return;
-    io_uring_submit(&m.uring);
-    while (m.pending > 0) {
-        io_uring_cqe* cqe = nullptr;
-        const int rc = io_uring_wait_cqe(&m.uring, &cqe);
-        if (rc == -EINTR) continue;
-        if (rc < 0) break;
-        Slot& dropped = m.ops[io_uring_cqe_get_data64(cqe)].s;
-        m.data.onDrop(*dropped.dev, dropped.tk);  // hook: release its buffer and write tracking
-        dropped.dev->leave();
-        io_uring_cqe_seen(&m.uring, cqe);
-        --m.pending;
-    }
-    io_uring_queue_exit(&m.uring);
-    m.ringUp = false;
+// The time the first held completion is due (steady-clock ns); nDelayed > 0.
+uint64_t MQB::Impl::earliestHold() const {
+    uint64_t t = UINT64_MAX;
+    for (int i = 0; i < nDelayed; ++i)
+        if (slots[delayed[i]].holdUntil < t) t = slots[delayed[i]].holdUntil;
+    return t;
 }
-#endif
 
-}  // namespace
+// Fills the ready ring from the queues and the held completions, waiting for
+// at least one. With one device busy this is one reap that blocks (until the
+// first held completion is due, when there is one); with several, each is
+// looked at in turn and waited on briefly.
+int MQB::Impl::collect() {
+    for (;;) {
+        if (nDelayed > 0) promoteDue();
+        if (readyCount > 0) return MQB_OK;
+        int64_t wait = -1;  // how long a reap may block: until the next hold ends
+        if (nDelayed > 0) {
+            const uint64_t due = earliestHold(), now = mqb::LatencyRecorder::nowNs();
+            wait = due > now ? int64_t(due - now) : 0;
+        }
+        Lane* busy = nullptr;
+        int nBusy = 0;
+        for (auto& l : lanes)
+            if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
+        if (nBusy == 0) {
+            if (nDelayed == 0) return MQB_ERR_IO;
+            std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
+            continue;
+        }
+        if (nBusy == 1) {
+            reapLane(*busy, 1, wait);
+            if (wait < 0 && readyCount == 0 && nDelayed == 0)
+                return MQB_ERR_IO;  // an unbounded reap that brought nothing back
+            continue;
+        }
+        for (auto& l : lanes)
+            if (l->atDevice + l->uncommitted > 0) reapLane(*l, 0, 0);
+        if (readyCount > 0) continue;
+        const int64_t poll = wait >= 0 && wait < kPollNs ? wait : kPollNs;
+        for (auto& l : lanes) {
+            if (l->atDevice + l->uncommitted == 0) continue;
+            reapLane(*l, 1, poll);
+            if (readyCount > 0 || nDelayed > 0) break;
+        }
+    }
+}
 
 MQB::MQB(const std::string& driver) : impl_(std::make_unique<Impl>(driver)) {}
 
 // Commands still in flight are dropped: the devices only need to know they
-// are no longer outstanding. Those with the kernel are waited for first.
+// are no longer outstanding. Each queue waits, as it closes, until its
+// transport is done with the callers' buffers and the data checker's; then
+// the checker forgets every command it still followed.
 MQB::~MQB() {
     Impl& m = *impl_;
-#if MQB_HAVE_URING
-    stopRing(m);
-#endif
-    for (int i = 0; i < m.count; ++i) {
-        Slot& s = m.ring[(m.head + i) & (kQueueCap - 1)];
-        m.data.onDrop(*s.dev, s.tk);  // hook: release its buffer and write tracking
-        s.dev->leave();
+    for (auto& l : m.lanes) {
+        l->device->leave(*l->counters, uint64_t(l->atDevice));
+        l->queue.reset();  // done with the callers' buffers before the counters go back
+        l->device->detachChannel(l->counters);
     }
+    for (Slot& s : m.slots)
+        if (s.used) m.data.onDrop(*s.dev, s.tk);
 }
 
+// A device that does not exist is not locked: the caller finds out when it
+// tries to select it.
 bool MQB::isLocked(int deviceIdx) {
     mqb::Device* d = mqb::deviceAt(deviceIdx);
-    return d == nullptr || d->locked();
+    return d != nullptr && d->locked();
 }
 
 // Carries out one ioctl. The pointers after `count` depend on the code (see
@@ -338,7 +362,7 @@ int MQB::ioctl(int code, int count, ...) {
         if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
         m.dev->noteDataMode(*mode);
-        m.dev->data().setMode(*mode, m.dev->backend().geometry());  // hook: keyed data state
+        m.dev->data().setMode(*mode, m.dev->backend().geometry());
         break;
     }
     default:
@@ -365,9 +389,11 @@ int MQB::infoString(char* buf, int size) {
 int MQB::setDeviceIndex(int deviceIdx) {
     mqb::Device* d = mqb::deviceAt(deviceIdx);
     if (!d) return MQB_ERR_DEV_RANGE;
-    impl_->dev = d;
-    impl_->devIdx = deviceIdx;
-    impl_->lat.attach(d);  // hook: record latency into this device's histograms
+    Impl& m = *impl_;
+    m.dev = d;
+    m.devIdx = deviceIdx;
+    m.lane = nullptr;  // found or opened by the next send
+    m.lat.attach(d);   // record latency into this device's histograms
     return MQB_OK;
 }
 
@@ -390,11 +416,10 @@ int MQB::getCurrentDeviceIndex() { return impl_->devIdx; }
 
 int MQB::deviceCount() { return mqb::deviceCount(); }
 
-// Queues the command of `record`. The device decides its outcome now; the
-// completion is placed in the ring by due time (arrival + device latency), so
-// a run of equal-latency commands only ever appends. Reads the clock only for
-// a device with latency. A data command the device hands back as I/O goes to
-// the channel's io_uring instead and joins the ring when the kernel is done.
+// Queues the command of `record`: the device's front may answer or refuse
+// it; otherwise it goes into the channel's queue to the device, which gets it
+// with the next commit (the next receive). Nothing here allocates, except the
+// first command to a newly selected device, which opens its queue.
 int MQB::send(unsigned char* record) {
     Impl& m = *impl_;
     if (!record) return MQB_ERR_PARAM;
@@ -404,94 +429,104 @@ int MQB::send(unsigned char* record) {
     mqb::Device* d = m.dev;
     if (!d) return MQB_ERR_NO_DEVICE;
     if (d->locked()) return MQB_ERR_LOCKED;
-    if (m.count + m.pending == kQueueCap) return MQB_ERR_QUEUE_FULL;
+    if (m.nFree == 0) return MQB_ERR_QUEUE_FULL;
 
-    int pos = (m.head + m.count) & (kQueueCap - 1);
-    Slot& s = m.ring[pos];
+    const int idx = m.freeSlots[m.nFree - 1];
+    Slot& s = m.slots[idx];
     std::memcpy(s.cdb, record + mqbrec::kCdb, 16);
     s.cdbLen = cdbLen;
     s.opcode = s.cdb[0];
     s.tag = ld32(record + mqbrec::kTag);
     s.dev = d;
+    s.lane = nullptr;
+    s.fromQueue = false;
 
     mqb::Command c;
     c.cdb = s.cdb;
     c.cdbLen = cdbLen;
     c.opcode = s.opcode;
     if (cdbLen >= 9) {
-        c.lba = (uint64_t(s.cdb[2]) << 24) | (uint64_t(s.cdb[3]) << 16) |
-                (uint64_t(s.cdb[4]) << 8) | s.cdb[5];
-        c.tl = (uint32_t(s.cdb[7]) << 8) | s.cdb[8];
+        c.lba = scsi::be32(s.cdb + 2);
+        c.tl = scsi::be16(s.cdb + 7);
     }
     c.readBuf = ldPtr<uint8_t>(record + mqbrec::kReadBuf);
     c.readLen = ld64(record + mqbrec::kReadLen);
     c.writeBuf = ldPtr<const uint8_t>(record + mqbrec::kWriteBuf);
     c.writeLen = ld64(record + mqbrec::kWriteLen);
 
-    // Hook at send: the time, then generated / keyed write data in the
-    // channel's buffers and a channel buffer for a read that will be checked.
+    Lane* l = m.lane;
+    if (!l && !(l = m.lane = m.laneOf(d))) return MQB_ERR_NO_MEMORY;
+    s.counters = l->counters;
+    // The send time, then generated or keyed write data in the checker's
+    // buffers, or a buffer of its own for a read it will check.
     s.tk.delayUs = 0;
     m.lat.onSend(d->data(), s.tk);
     m.data.onSend(*d, c, s.tk);
-    mqb::IoRequest io;
-    if (!d->submit(c, s.tag, s.out, m.asyncOff ? nullptr : &io, &s.tk.delayUs)) {
-        m.data.onDrop(*d, s.tk);  // hook: the refused command never reached the device
+    switch (d->admit(c, s.tag, s.out, *l->counters, &s.tk.delayUs)) {
+    case mqb::Device::Admit::Refused:
+        m.data.onDrop(*d, s.tk);
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         return s.out.status;
+    case mqb::Device::Admit::Answered:
+        --m.nFree;
+        s.used = true;
+        m.complete(idx);
+        return MQB_OK;
+    case mqb::Device::Admit::Pass:
+        break;
     }
-    d->enter();
-    if (io.kind != mqb::IoRequest::Kind::None) {
-#if MQB_HAVE_URING
-        if (startRing(m)) {
-            const int i = m.freeOps[--m.nFree];
-            m.ops[i].s = s;
-            m.ops[i].io = io;
-            ++m.pending;
-            queueIo(m, i);
-            return MQB_OK;
+    const int rc = l->queue->submit(c, &s.out, uint64_t(idx));
+    if (rc != MQB_OK) {
+        // Not accepted: nothing is queued; the queue may have left sense.
+        if (rc == MQB_ERR_CHECK) {
+            m.senseLen = s.out.senseLen;
+            std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         }
-#endif
-        d->backend().execute(c, s.out);  // no io_uring after all: synchronous I/O
-        if (s.out.status != MQB_OK) d->noteError();
+        mqb::ChannelCounters::bump(l->counters->errors);
+        m.data.onDrop(*d, s.tk);
+        return rc;
     }
-    const uint64_t lat = uint64_t(d->backend().latencyUs()) + s.tk.delayUs;  // delay fault included
-    s.due = lat ? nowNs() + lat * 1000 : 0;
-    insertSorted(m, pos);
+    --m.nFree;
+    s.used = true;
+    s.lane = l;
+    s.fromQueue = true;
+    ++l->uncommitted;
+    ++m.uncommitted;
+    ++m.inQueues;
     return MQB_OK;
 }
 
-// Takes the earliest completion, sleeping until it is due (or waiting for the
-// kernel when only io_uring commands are out). Remembers its tag and CDB for
+// Takes the next completion: commits what was sent since the last receive,
+// then serves the ready ring, filling it from the queues (waiting for the
+// device) when it is empty. Remembers the completion's tag and CDB for
 // receiveInfo and its sense (or none) for errInfo. A completed READ
 // CAPACITY(10) tells the device its block size is now known. Returns
-// MQB_ERR_IO when commands are with a kernel that cannot be waited on.
+// MQB_ERR_IO when commands are with a transport that cannot be waited on.
 int MQB::receive() {
     Impl& m = *impl_;
-    if (m.count + m.pending == 0) return MQB_ERR_NOTHING_OUT;
-#if MQB_HAVE_URING
-    if (m.pending > 0 && !awaitHead(m)) return MQB_ERR_IO;
-#endif
-    Slot& s = m.ring[m.head];
-    if (s.due != 0) {
-        const uint64_t now = nowNs();
-        if (now < s.due) std::this_thread::sleep_for(std::chrono::nanoseconds(s.due - now));
+    if (m.readyCount + m.inQueues + m.nDelayed == 0) return MQB_ERR_NOTHING_OUT;
+    if (m.nDelayed > 0) m.promoteDue();
+    if (m.readyCount == 0) {
+        const int rc = m.collect();
+        if (rc != MQB_OK) return rc;
+    } else if (m.uncommitted > 0) {
+        m.commitAll();
     }
-    m.head = (m.head + 1) & (kQueueCap - 1);
-    --m.count;
-    // Hook at completion: latency by kind, then the journal update of a
-    // write and the check of a reader's blocks (may turn the outcome into
-    // MISCOMPARE).
-    m.lat.onComplete(s.dev, s.opcode, s.tk);
-    m.data.onComplete(*s.dev, s.out, s.tk);
-    s.dev->leave();
+    const int idx = m.ready[m.readyHead];
+    m.readyHead = (m.readyHead + 1) & (kQueueCap - 1);
+    --m.readyCount;
+    m.freeSlots[m.nFree++] = idx;
+    Slot& s = m.slots[idx];
+    s.used = false;
     m.haveLast = true;
     m.lastTag = s.tag;
     m.lastCdbLen = s.cdbLen;
     std::memcpy(m.lastCdb, s.cdb, 16);
     m.senseLen = s.out.senseLen;
     if (s.out.senseLen) std::memcpy(m.sense, s.out.sense, s.out.senseLen);
-    if (s.opcode == kOpReadCapacity && s.out.status == MQB_OK) s.dev->backend().capacityRead();
+    if (s.out.status != MQB_OK && s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
+    if (s.opcode == scsi::kReadCapacity10 && s.out.status == MQB_OK) s.dev->backend().capacityRead();
     return s.out.status;
 }
 
@@ -554,7 +589,13 @@ const std::string& MQB::driver() const { return impl_->driver; }
 void MQB::setDriver(const std::string& driver) { impl_->driver = driver; }
 void MQB::setCloneAllowed(bool allowed) { impl_->cloneOk = allowed; }
 bool MQB::cloneAllowed() const { return impl_->cloneOk; }
-int MQB::outstanding() const { return impl_->count + impl_->pending; }
+int MQB::outstanding() const { return kQueueCap - impl_->nFree; }
+
+int MQB::commit() {
+    Impl& m = *impl_;
+    if (m.uncommitted > 0) m.commitAll();
+    return MQB_OK;
+}
 
 MQB* createMQB(const char* name, int, int, int) {
     if (!name || !*name) return nullptr;

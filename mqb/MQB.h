@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include "DeviceInfo.h"
+#include "MQBExport.h"
 
 // Command record offsets the library reads from and writes to. The record is the
 // 112-byte, packed, little-endian layout the extension fills (see CDBStruct).
@@ -42,7 +43,7 @@ enum MQBInfo {
     MQB_INFO_CDB   = 203,  // receiveInfo(203, 2, unsigned char* cdb, int* length)
 };
 
-class MQB {
+class MQB_API MQB {
 public:
     // A channel of driver type `driver` (the text infoString puts before ':'),
     // with no device selected.
@@ -63,9 +64,9 @@ public:
     // Queues the command in `record` (layout in mqbrec). 0 = accepted, a
     // completion will follow; otherwise a status (-16: sense through errInfo).
     int  send(unsigned char* record);
-    // Takes the next completion of this channel (in order of finishing time,
-    // waiting for it when it is not yet due or still with the kernel) and
-    // returns its status. With nothing outstanding it returns
+    // Takes the next completion of this channel (in the order the device
+    // finished them, waiting for the device when none has) and returns its
+    // status. With nothing outstanding it returns
     // MQB_ERR_NOTHING_OUT at once.
     int  receive();
     int  receiveInfo(int code, int count, ...);   // about the last completion
@@ -77,6 +78,9 @@ public:
     void setCloneAllowed(bool allowed);           // false: ioctl 131 fails
     bool cloneAllowed() const;
     int  outstanding() const;                     // commands sent, not yet received
+    // Hands every command sent since the last receive to its device now
+    // (receive does this by itself). Returns 0.
+    int  commit();
 
     struct Impl;
 private:
@@ -84,7 +88,7 @@ private:
 };
 
 // Creates a channel of driver type `name`; null for an empty or null name.
-MQB* createMQB(const char* name, int, int, int);
+MQB_API MQB* createMQB(const char* name, int, int, int);
 // Destroys a channel made by createMQB or the clone ioctl; commands still in
 // flight are completed and dropped first.
-void deleteMQB(MQB* mqb);
+MQB_API void deleteMQB(MQB* mqb);

@@ -1,5 +1,6 @@
 // MQBErr.h: the status codes of the device-access library and their texts.
 #pragma once
+#include "MQBExport.h"
 
 // Every status the library returns is 0 (good) or one of these negative codes.
 enum MQBStatus {
@@ -24,7 +25,7 @@ enum MQBStatus {
     MQB_ERR_UNSUPPORTED  = -18,  // "Not Supported"
 };
 
-class MQBErr {
+class MQB_API MQBErr {
 public:
     // Returns a constant text for `status`; codes the library does not know get
     // "Unknown Status". Never null, never freed, safe from any thread.

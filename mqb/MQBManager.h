@@ -5,7 +5,7 @@
 #include <vector>
 #include "MQB.h"
 
-class MQBManager {
+class MQB_API MQBManager {
 public:
     MQBManager();
     ~MQBManager();

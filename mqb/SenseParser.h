@@ -1,6 +1,7 @@
 // SenseParser.h: reading fields out of SCSI sense data, fixed and descriptor format.
 #pragma once
 #include <cstdint>
+#include "MQBExport.h"
 
 // Fixed format (response code 0x70/0x71): key in byte 2 (low nibble), ASC byte 12,
 // ASCQ byte 13, VALID bit 0x80 of byte 0, INFORMATION bytes 3-6. When the sense is
@@ -9,7 +10,7 @@
 // INFORMATION descriptor (type 0x00) carries 8 bytes and its own VALID bit.
 // Every getter writes its answer to `out` and also returns it; unknown formats
 // give 0.
-class SenseParser {
+class MQB_API SenseParser {
 public:
     static unsigned char  getKey(const unsigned char* sense, unsigned char* out);
     static unsigned char  getCode(const unsigned char* sense, unsigned char* out);

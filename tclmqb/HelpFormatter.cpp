@@ -87,10 +87,15 @@ namespace Utils {
 // Sets the interpreter result to the help of `name`. Style 1 is the long layout
 // with NAME, USAGE, DESCRIPTION, OPTIONS, NOTES and EXAMPLES sections (absent
 // parts are left out); any other style gives the NAME line and a one-line list
-// of the option names. Returns TCL_OK.
+// of the option names. Returns TCL_OK, or TCL_ERROR when the Tcl stubs cannot
+// be initialised.
 int cmdHelpLong(Tcl_Interp* interp, const char* name, const char* usage,
                 const char* summary, const char* description, const char* notes,
                 const char* examples, const char** table, int style) {
+#ifdef USE_TCL_STUBS
+    // This library has its own stubs table; the first call fills it.
+    if (tclStubsPtr == nullptr && Tcl_InitStubs(interp, "8.6", 0) == nullptr) return TCL_ERROR;
+#endif
     std::string out;
     const std::string cmd = orEmpty(name);
     const auto rows = tableRows(table);

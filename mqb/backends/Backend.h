@@ -1,13 +1,17 @@
 // Backend.h: the small interface every device kind implements (the simulated
-// disk, and later files and SCSI generic devices), and the command/outcome
-// records that pass through it.
+// disk, files and block devices, SCSI generic devices), and the command and
+// outcome records that pass through it and its queues (Queue.h).
 #pragma once
 #include <cstdint>
+#include <memory>
+#include "Scsi.h"
 
 namespace mqb {
 
-// One command as the device layer hands it to a backend: the parsed CDB fields
-// plus the caller's data buffers. Nothing here is owned.
+class Queue;
+
+// One command as the channel hands it to a device: the parsed CDB fields plus
+// the caller's data buffers. Nothing here is owned.
 struct Command {
     const uint8_t* cdb = nullptr;
     uint8_t        cdbLen = 0;
@@ -20,23 +24,14 @@ struct Command {
     uint64_t       writeLen = 0;
 };
 
-// The I/O a backend asks the channel to carry out asynchronously for one
-// accepted data command: `len` bytes at byte offset `off` of `fd`. A Verify
-// reads into the channel's own scratch (its data is thrown away), so `buf` is
-// null for it. Kind None means the command runs synchronously in execute().
-struct IoRequest {
-    enum class Kind : uint8_t { None, Read, Write, Verify };
-    Kind     kind = Kind::None;
-    int      fd = -1;
-    uint8_t* buf = nullptr;
-    uint64_t len = 0;
-    uint64_t off = 0;
-};
-
-// Largest sense a backend produces (fixed format with the vendor UEC).
-constexpr int kMaxSense = 32;
+// Largest sense a device hands back (what SPC allows in fixed or descriptor
+// format); the simulated disk and files answer 32 bytes, pass-through devices
+// whatever the device sent.
+constexpr int kMaxSense = 252;
 
 // How a command ended. `senseLen` is 0 unless `status` is a CHECK CONDITION.
+// The sense bytes past senseLen are never initialised (nothing is cleared per
+// command).
 struct Outcome {
     int     status = 0;
     uint8_t senseLen = 0;
@@ -50,36 +45,35 @@ struct Geometry {
     uint32_t blockSize = 0;
 };
 
-// One device. execute() carries a command out to its final outcome (the caller
-// decides when that outcome is delivered); it never allocates on the data path
-// unless the backend keeps data and has to grow its store. Must be safe to call
-// from several threads at once.
+// One device. Its commands run through queues (one per channel, openQueue);
+// the backend object itself holds what the queues share and must be safe to
+// use from several queues on several threads at once.
 class Backend {
 public:
     virtual ~Backend() = default;
-    virtual void execute(const Command& cmd, Outcome& out) = 0;
-    // For a backend whose data commands can run as asynchronous file I/O:
-    // fills `io` and returns true when `cmd` is such a command and will
-    // succeed as far as can be told before the I/O (in range, writable, some
-    // bytes to move). Returns false, leaving `io` alone, for anything that
-    // execute() is to answer instead.
-    virtual bool prepareAsync(const Command& cmd, IoRequest& io) { (void)cmd, (void)io; return false; }
+    // A new queue to this device holding up to `depth` commands, or null when
+    // the device cannot give one (the channel then refuses the command with
+    // MQB_ERR_NO_MEMORY).
+    virtual std::unique_ptr<Queue> openQueue(int depth) = 0;
     virtual Geometry geometry() const = 0;
-    // Latency added to every command, in microseconds (0: due at once).
-    virtual uint32_t latencyUs() const { return 0; }
     // Called when a READ CAPACITY(10) has completed on the device.
     virtual void capacityRead() {}
     virtual const char* kind() const = 0;
+    // True when data moves past the page cache (O_DIRECT).
+    virtual bool direct() const { return false; }
 };
 
 // Shared SBC pieces of the block backends (Sbc.cpp).
 namespace sbc {
-constexpr uint8_t kReadCapacity = 0x25, kRead = 0x28, kWrite = 0x2A, kWrv = 0x2E, kVerify = 0x2F;
 
 // True for READ(10), WRITE(10), WRITE AND VERIFY(10) and VERIFY(10).
 inline bool isDataCommand(uint8_t op) {
-    return op == kRead || op == kWrite || op == kWrv || op == kVerify;
+    return op == scsi::kRead10 || op == scsi::kWrite10 || op == scsi::kWriteVerify10 ||
+           op == scsi::kVerify10;
 }
+
+// True when the command's BYTCHK bit asks for a compare with the data-out buffer.
+inline bool byteCheck(const Command& c) { return c.cdbLen > 1 && (c.cdb[1] & scsi::kBytchk); }
 
 // Checks a data command against a disk of `blocks` blocks. A zero transfer
 // length is no error by itself, but its LBA must still be on the disk. On
@@ -89,12 +83,15 @@ bool checkRange(const Command& cmd, uint64_t blocks, Outcome& out);
 // Answers READ CAPACITY(10): last LBA (capped at 0xFFFFFFFF) and block size,
 // 32-bit big-endian each, into as much of the read buffer as it holds.
 void readCapacity(const Command& cmd, uint64_t blocks, uint32_t blockSize);
+
+// Fills `out` with the answer to an opcode the disk does not know (05/20/00).
+void invalidOpcode(Outcome& out);
 }  // namespace sbc
 
-// Builds fixed-format sense (0x70) into `out`: 18 bytes, or 32 with the UEC in
-// bytes 20-21. With `valid`, sets the VALID bit and INFORMATION (bytes 3-6).
-// Sets out.status to CHECK CONDITION (-16).
-void buildFixedSense(Outcome& out, uint8_t key, uint8_t asc, uint8_t ascq,
-                     bool hasUec, uint16_t uec, bool valid, uint32_t info);
+// Builds fixed-format sense (0x70) into `out`: `len` bytes (18, or 32 with
+// the UEC in bytes 20-21). With `valid`, sets the VALID bit and INFORMATION
+// (bytes 3-6, capped at 0xFFFFFFFF). Sets out.status to CHECK CONDITION (-16).
+void buildFixedSense(Outcome& out, uint8_t key, scsi::Asc code, bool valid = false,
+                     uint64_t info = 0, uint16_t uec = 0, int len = scsi::kLongSense);
 
 }  // namespace mqb

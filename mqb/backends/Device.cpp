@@ -1,4 +1,4 @@
-// Device.cpp: what every device of the table does on top of its backend:
+// Device.cpp: what every device of the table does in front of its backend:
 // counters, the command trace and the scripted fault rules.
 #include "Device.h"
 #include "MQBErr.h"
@@ -11,10 +11,10 @@ constexpr uint64_t kDefaultTraceLimit = 1000000;
 // The fault-rule kind of a data command; false for anything else.
 bool opKind(uint8_t opcode, FaultRule::Op& op) {
     switch (opcode) {
-    case 0x28: op = FaultRule::Op::Read; return true;
-    case 0x2A: op = FaultRule::Op::Write; return true;
-    case 0x2E: op = FaultRule::Op::Wrv; return true;
-    case 0x2F: op = FaultRule::Op::Verify; return true;
+    case scsi::kRead10: op = FaultRule::Op::Read; return true;
+    case scsi::kWrite10: op = FaultRule::Op::Write; return true;
+    case scsi::kWriteVerify10: op = FaultRule::Op::Wrv; return true;
+    case scsi::kVerify10: op = FaultRule::Op::Verify; return true;
     default: return false;
     }
 }
@@ -23,14 +23,16 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 Device::Device(std::string spec, std::unique_ptr<Backend> backend)
     : spec_(std::move(spec)), backend_(std::move(backend)) {}
 
-bool Device::submit(const Command& c, uint32_t tag, Outcome& out, IoRequest* io, uint32_t* delayUs) {
-    bump(commands_);
+Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k,
+                             uint32_t* delayUs) {
+    using C = ChannelCounters;
+    C::bump(k.commands);
     switch (c.opcode) {
-    case 0x28: bump(reads_); bump(blocksRead_, c.tl); break;
-    case 0x2A: bump(writes_); bump(blocksWritten_, c.tl); break;
-    case 0x2E: bump(wrvs_); bump(blocksWritten_, c.tl); break;
-    case 0x2F: bump(verifies_); break;
-    default: bump(other_); break;
+    case scsi::kRead10: C::bump(k.reads); C::bump(k.blocksRead, c.tl); break;
+    case scsi::kWrite10: C::bump(k.writes); C::bump(k.blocksWritten, c.tl); break;
+    case scsi::kWriteVerify10: C::bump(k.wrvs); C::bump(k.blocksWritten, c.tl); break;
+    case scsi::kVerify10: C::bump(k.verifies); break;
+    default: C::bump(k.other); break;
     }
     if (slowPath_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> g(lock_);
@@ -38,18 +40,11 @@ bool Device::submit(const Command& c, uint32_t tag, Outcome& out, IoRequest* io,
             trace_.push_back(TraceEntry{c.opcode, c.lba, c.tl, tag});
         bool refused = false;
         if (applyFaults(c, out, refused, delayUs)) {
-            bump(errors_);
-            return !refused;
+            C::bump(k.errors);
+            return refused ? Admit::Refused : Admit::Answered;
         }
     }
-    if (io && backend_->prepareAsync(c, *io)) {
-        out.status = MQB_OK;
-        out.senseLen = 0;
-        return true;
-    }
-    backend_->execute(c, out);
-    if (out.status != MQB_OK) bump(errors_);
-    return true;
+    return Admit::Pass;
 }
 
 // Finds the first rule that fires for this command and writes its outcome.
@@ -78,8 +73,8 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
         case FaultRule::Kind::Check:
         case FaultRule::Kind::Refuse: {
             const uint64_t info = first > r.lbaLo ? first : r.lbaLo;
-            buildFixedSense(out, r.key, r.asc, r.ascq, r.hasUec, r.uec, r.info,
-                            info > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(info));
+            buildFixedSense(out, r.key, scsi::Asc{r.asc, r.ascq}, r.info, info, r.uec,
+                            r.senseLen);
             refused = r.kind == FaultRule::Kind::Refuse;
             break;
         }
@@ -97,12 +92,40 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
     return false;
 }
 
-void Device::enter() {
-    const uint64_t now = inFlight_.fetch_add(1, std::memory_order_relaxed) + 1;
+void Device::enter(ChannelCounters& mine, uint64_t n) {
+    ChannelCounters::bump(mine.atDevice, n);
+    uint64_t now = 0;
+    const int count = nTracked_.load(std::memory_order_acquire);
+    for (int i = 0; i < count; ++i)
+        now += tracked_[i].load(std::memory_order_relaxed)->atDevice.load(std::memory_order_relaxed);
     uint64_t peak = maxOutstanding_.load(std::memory_order_relaxed);
     while (now > peak &&
            !maxOutstanding_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
     }
+}
+
+ChannelCounters* Device::attachChannel() {
+    std::lock_guard<std::mutex> g(lock_);
+    for (auto& c : channels_) {
+        if (!c->inUse) {
+            c->inUse = true;
+            return c.get();
+        }
+    }
+    channels_.push_back(std::make_unique<ChannelCounters>());
+    ChannelCounters* c = channels_.back().get();
+    c->inUse = true;
+    const int n = nTracked_.load(std::memory_order_relaxed);
+    if (n < kTracked) {
+        tracked_[n].store(c, std::memory_order_relaxed);
+        nTracked_.store(n + 1, std::memory_order_release);
+    }
+    return c;
+}
+
+void Device::detachChannel(ChannelCounters* c) {
+    std::lock_guard<std::mutex> g(lock_);
+    c->inUse = false;  // its counts stay in the device's sums
 }
 
 void Device::updateSlowPath() {
@@ -133,15 +156,22 @@ void Device::listFaults(std::vector<FaultRule>& out) {
 
 void Device::stats(DeviceStats& s) const {
     auto ld = [](const Counter& c) { return c.load(std::memory_order_relaxed); };
-    s.commands = ld(commands_);
-    s.reads = ld(reads_);
-    s.writes = ld(writes_);
-    s.wrvs = ld(wrvs_);
-    s.verifies = ld(verifies_);
-    s.other = ld(other_);
-    s.blocksRead = ld(blocksRead_);
-    s.blocksWritten = ld(blocksWritten_);
-    s.errors = ld(errors_);
+    s.commands = s.reads = s.writes = s.wrvs = s.verifies = s.other = 0;
+    s.blocksRead = s.blocksWritten = s.errors = 0;
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        for (const auto& c : channels_) {
+            s.commands += ld(c->commands);
+            s.reads += ld(c->reads);
+            s.writes += ld(c->writes);
+            s.wrvs += ld(c->wrvs);
+            s.verifies += ld(c->verifies);
+            s.other += ld(c->other);
+            s.blocksRead += ld(c->blocksRead);
+            s.blocksWritten += ld(c->blocksWritten);
+            s.errors += ld(c->errors);
+        }
+    }
     s.maxOutstanding = ld(maxOutstanding_);
     s.queueing = queueing_.load(std::memory_order_relaxed);
     s.maxQueueDepth = maxDepth_.load(std::memory_order_relaxed);
@@ -177,9 +207,13 @@ void Device::traceClear() {
 // commands still in flight (their completions are on their way).
 void Device::reset() {
     std::lock_guard<std::mutex> g(lock_);
-    for (Counter* c : {&commands_, &reads_, &writes_, &wrvs_, &verifies_, &other_,
-                       &blocksRead_, &blocksWritten_, &errors_, &maxOutstanding_})
-        c->store(0, std::memory_order_relaxed);
+    // A channel counting at this very moment may put back a count it had
+    // read before the reset: reset a device between runs, not during one.
+    for (auto& k : channels_)
+        for (Counter* c : {&k->commands, &k->reads, &k->writes, &k->wrvs, &k->verifies, &k->other,
+                           &k->blocksRead, &k->blocksWritten, &k->errors})
+            c->store(0, std::memory_order_relaxed);
+    maxOutstanding_.store(0, std::memory_order_relaxed);
     queueing_.store(false, std::memory_order_relaxed);
     fastReads_.store(false, std::memory_order_relaxed);
     maxDepth_.store(0, std::memory_order_relaxed);

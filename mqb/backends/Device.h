@@ -14,27 +14,51 @@
 
 namespace mqb {
 
+// The command counters one channel keeps for one device. Only that channel's
+// thread writes them, with a plain load and store (no locked instruction on
+// the command path); stats() sums every channel's set from any thread.
+struct ChannelCounters {
+    using Counter = std::atomic<uint64_t>;
+    Counter commands{0}, reads{0}, writes{0}, wrvs{0}, verifies{0}, other{0};
+    Counter blocksRead{0}, blocksWritten{0}, errors{0};
+    Counter atDevice{0};  // the channel's commands at the device now
+    bool inUse = false;   // owned by a channel; the device's lock_ guards it
+
+    static void bump(Counter& c, uint64_t n = 1) {
+        c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+    }
+};
+
 class Device {
 public:
     Device(std::string spec, std::unique_ptr<Backend> backend);
 
-    // Takes one command in: counts it, traces it, applies the first fault rule
-    // that fires, otherwise lets the backend carry it out into `out`. Returns
-    // false when the command is refused (out then holds the -16 and its
-    // sense); true when it was accepted and `out` is its completion. With no
-    // trace and no faults it takes no lock and does not allocate. Given `io`,
-    // a command the backend can run asynchronously is not executed: `io`
-    // describes its I/O, `out` is left good, and the caller carries it out.
-    // Given `delayUs`, a delay fault rule that fires adds its delay there
-    // (the command still runs); it is left alone otherwise.
-    bool submit(const Command& cmd, uint32_t tag, Outcome& out, IoRequest* io = nullptr,
-                uint32_t* delayUs = nullptr);
-    // Counts an error found after submit() (a failed asynchronous I/O).
-    void noteError() { bump(errors_); }
+    // What admit() decided about a command.
+    enum class Admit {
+        Pass,      // goes on to the backend's queue
+        Answered,  // a fault rule answered it: `out` is its completion
+        Refused,   // the send is refused: `out` holds the status and sense
+    };
 
-    // Bookkeeping of commands in flight across every channel, for the peak.
-    void enter();
-    void leave() { inFlight_.fetch_sub(1, std::memory_order_relaxed); }
+    // Takes one command in, in front of every backend: counts it in the
+    // calling channel's counters, traces it and applies the first fault rule
+    // that fires. With no trace and no faults it takes no lock and does not
+    // allocate. Given `delayUs`, a delay rule that fires adds its delay there
+    // and the command passes on (the channel holds its completion back).
+    Admit admit(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine,
+                uint32_t* delayUs = nullptr);
+
+    // A counter set for one channel (a free one reused, else a new one that
+    // lives as long as the device); the channel gives it back when it goes.
+    ChannelCounters* attachChannel();
+    void detachChannel(ChannelCounters* c);
+
+    // Bookkeeping of commands at the device (handed to it and not yet
+    // collected back), kept per channel; enter() sums every channel's count
+    // for the device's peak. Neither takes a lock or a locked instruction
+    // (the peak's compare-and-swap runs only when a new peak is seen).
+    void enter(ChannelCounters& mine, uint64_t n);
+    void leave(ChannelCounters& mine, uint64_t n) { ChannelCounters::bump(mine.atDevice, uint64_t(0) - n); }
 
     Backend& backend() { return *backend_; }
     // Data verification and latency state (data mode, journal, histograms).
@@ -62,7 +86,6 @@ public:
 
 private:
     using Counter = std::atomic<uint64_t>;
-    static void bump(Counter& c, uint64_t n = 1) { c.fetch_add(n, std::memory_order_relaxed); }
     bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
@@ -71,16 +94,21 @@ private:
     std::atomic<bool> locked_{false};
     DeviceData data_;
 
-    Counter commands_{0}, reads_{0}, writes_{0}, wrvs_{0}, verifies_{0}, other_{0};
-    Counter blocksRead_{0}, blocksWritten_{0}, errors_{0};
-    Counter inFlight_{0}, maxOutstanding_{0};
+    std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change
+    // The same sets, for enter() to read without the lock: published once
+    // each, never moved. Channels past the first kTracked at once are not in
+    // the peak.
+    static constexpr int kTracked = 256;
+    std::atomic<ChannelCounters*> tracked_[kTracked] = {};
+    std::atomic<int> nTracked_{0};
+    Counter maxOutstanding_{0};
     std::atomic<bool> queueing_{false}, fastReads_{false};
     std::atomic<int> maxDepth_{0}, dataMode_{0};
 
     // Set while a trace runs or a fault rule exists: only then does submit()
     // take lock_.
     std::atomic<bool> slowPath_{false};
-    std::mutex lock_;
+    mutable std::mutex lock_;
     std::vector<FaultRule> faults_;
     int nextFaultId_ = 1;
     bool tracing_ = false;

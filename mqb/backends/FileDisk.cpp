@@ -1,21 +1,48 @@
-// FileDisk.cpp: SBC commands on a file or block device through pread/pwrite.
-// Reads and writes move min(buffer length, TL blocks) bytes; VERIFY reads the
-// blocks through a small stack buffer so a bad medium shows up without any
-// allocation. I/O failures answer MEDIUM ERROR sense like a real disk would.
-// prepareAsync describes the same transfers for a channel that runs them
-// through io_uring; the channel then maps failures to the same sense.
+// FileDisk.cpp: opening a file or block device as a disk: the spec's options,
+// the geometry (BLKSSZGET and BLKGETSIZE64 for a block device, 512-byte
+// blocks for a file) and the O_DIRECT descriptor, probed once so that a file
+// system that refuses direct I/O says so at open instead of failing every
+// command.
 #include "FileDisk.h"
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include "MQBErr.h"
+#include "FileQueue.h"
 
 namespace mqb {
 
-std::unique_ptr<Backend> FileDisk::open(const std::string& path, std::string& err) {
+namespace {
+
+// Reads one block at offset 0 through `fd` into a buffer aligned to exactly
+// `align` (and no more), to see whether direct I/O takes that alignment.
+bool probeDirect(int fd, uint32_t align) {
+    void* mem = nullptr;
+    if (posix_memalign(&mem, size_t(align) * 2, size_t(align) * 2) != 0) return false;
+    const ssize_t n = ::pread(fd, static_cast<uint8_t*>(mem) + align, align, 0);
+    std::free(mem);
+    return n == ssize_t(align);
+}
+
+}  // namespace
+
+std::unique_ptr<Backend> FileDisk::open(const std::string& params, std::string& err) {
+    std::string path = params;
+    bool wantDirect = true;
+    const size_t opt = path.rfind(",direct=");
+    if (opt != std::string::npos) {
+        const std::string v = path.substr(opt + 8);
+        if (v != "0" && v != "1") {
+            err = "bad value \"" + v + "\" for device spec key \"direct\"";
+            return nullptr;
+        }
+        wantDirect = v == "1";
+        path.resize(opt);
+    }
     if (path.empty()) {
         err = "file device needs a path";
         return nullptr;
@@ -30,100 +57,47 @@ std::unique_ptr<Backend> FileDisk::open(const std::string& path, std::string& er
         err = "cannot open \"" + path + "\": " + std::strerror(errno);
         return nullptr;
     }
-    // SEEK_END gives the size of block devices as well as of regular files.
-    const off_t size = ::lseek(fd, 0, SEEK_END);
-    if (size < off_t(kBlockSize)) {
+    struct stat st;
+    uint64_t bytes = 0;
+    uint32_t bs = kFileBlockSize;
+    if (::fstat(fd, &st) == 0 && S_ISBLK(st.st_mode)) {
+        int lbs = 0;
+        if (::ioctl(fd, BLKSSZGET, &lbs) == 0 && lbs > 0) bs = uint32_t(lbs);
+        if (::ioctl(fd, BLKGETSIZE64, &bytes) != 0) bytes = 0;
+    } else {
+        // SEEK_END also sizes what fstat cannot (some character devices say 0).
+        const off_t end = ::lseek(fd, 0, SEEK_END);
+        bytes = end > 0 ? uint64_t(end) : 0;
+    }
+    if (bytes < bs) {
         ::close(fd);
         err = "\"" + path + "\" is smaller than one block";
         return nullptr;
     }
-    return std::unique_ptr<Backend>(new FileDisk(fd, readOnly, uint64_t(size) / kBlockSize));
-}
-
-FileDisk::~FileDisk() { ::close(fd_); }
-
-bool FileDisk::readAt(uint8_t* dst, uint64_t len, uint64_t off) {
-    while (len > 0) {
-        const ssize_t n = ::pread(fd_, dst, len, off_t(off));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        dst += n;
-        off += uint64_t(n);
-        len -= uint64_t(n);
-    }
-    return true;
-}
-
-bool FileDisk::writeAt(const uint8_t* src, uint64_t len, uint64_t off) {
-    while (len > 0) {
-        const ssize_t n = ::pwrite(fd_, src, len, off_t(off));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        src += n;
-        off += uint64_t(n);
-        len -= uint64_t(n);
-    }
-    return true;
-}
-
-bool FileDisk::prepareAsync(const Command& c, IoRequest& io) {
-    if (!sbc::isDataCommand(c.opcode)) return false;
-    Outcome range;
-    if (!sbc::checkRange(c, blocks_, range)) return false;  // execute() answers 05/21/00
-    const uint64_t bytes = uint64_t(c.tl) * kBlockSize;
-    uint8_t* buf = nullptr;
-    uint64_t len = bytes;
-    IoRequest::Kind kind = IoRequest::Kind::Verify;
-    if (c.opcode == sbc::kRead) {
-        if (!c.readBuf) return false;
-        kind = IoRequest::Kind::Read, buf = c.readBuf, len = std::min(bytes, c.readLen);
-    } else if (c.opcode != sbc::kVerify) {
-        if (readOnly_ || !c.writeBuf) return false;  // execute() answers write protected
-        // The kernel only reads from a write's buffer.
-        kind = IoRequest::Kind::Write, buf = const_cast<uint8_t*>(c.writeBuf);
-        len = std::min(bytes, c.writeLen);
-    }
-    if (len == 0) return false;
-    io.kind = kind, io.fd = fd_, io.buf = buf, io.len = len, io.off = c.lba * kBlockSize;
-    return true;
-}
-
-void FileDisk::execute(const Command& c, Outcome& out) {
-    out.status = MQB_OK;
-    out.senseLen = 0;
-    if (c.opcode == sbc::kReadCapacity) {
-        sbc::readCapacity(c, blocks_, kBlockSize);
-        return;
-    }
-    if (!sbc::isDataCommand(c.opcode)) {
-        buildFixedSense(out, 0x05, 0x20, 0x00, false, 0, false, 0);
-        return;
-    }
-    if (!sbc::checkRange(c, blocks_, out)) return;
-    const uint64_t off = c.lba * kBlockSize, bytes = uint64_t(c.tl) * kBlockSize;
-    switch (c.opcode) {
-    case sbc::kRead:
-        if (c.readBuf && !readAt(c.readBuf, std::min(bytes, c.readLen), off))
-            buildFixedSense(out, 0x03, 0x11, 0x00, false, 0, false, 0);  // unrecovered read error
-        break;
-    case sbc::kWrite:
-    case sbc::kWrv:
-        if (readOnly_)
-            buildFixedSense(out, 0x07, 0x27, 0x00, false, 0, false, 0);  // write protected
-        else if (c.writeBuf && !writeAt(c.writeBuf, std::min(bytes, c.writeLen), off))
-            buildFixedSense(out, 0x03, 0x0C, 0x00, false, 0, false, 0);  // write error
-        break;
-    case sbc::kVerify: {
-        uint8_t scratch[4096];
-        for (uint64_t done = 0; done < bytes; done += sizeof scratch) {
-            if (!readAt(scratch, std::min<uint64_t>(sizeof scratch, bytes - done), off + done)) {
-                buildFixedSense(out, 0x03, 0x11, 0x00, false, 0, false, 0);
-                break;
-            }
+    int directFd = -1;
+    if (wantDirect) {
+        directFd = ::open(path.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_DIRECT);
+        const int openErr = errno;
+        if (directFd < 0 || !probeDirect(directFd, bs)) {
+            const std::string why = directFd < 0 ? std::strerror(openErr)
+                                                 : "transfers of one block are refused";
+            if (directFd >= 0) ::close(directFd);
+            ::close(fd);
+            err = "cannot use direct I/O on \"" + path + "\": " + why +
+                  " (add ,direct=0 for buffered I/O)";
+            return nullptr;
         }
-        break;
     }
-    }
+    return std::unique_ptr<Backend>(new FileDisk(fd, directFd, readOnly, bytes / bs, bs));
+}
+
+FileDisk::~FileDisk() {
+    if (directFd_ >= 0) ::close(directFd_);
+    ::close(fd_);
+}
+
+std::unique_ptr<Queue> FileDisk::openQueue(int depth) {
+    return std::make_unique<FileQueue>(*this, depth);
 }
 
 }  // namespace mqb

@@ -1,6 +1,8 @@
-// FileDisk.h: a regular file or block device as a SCSI disk of 512-byte
-// blocks. Data commands are real I/O: handed to the channel's io_uring when it
-// has one (prepareAsync), else carried out on the caller's thread (execute).
+// FileDisk.h: a regular file (512-byte blocks) or a block device (its own
+// logical block size and capacity) as a SCSI disk. Data commands are real I/O
+// through the file queues (FileQueue), with O_DIRECT unless the spec says
+// direct=0; this object holds what those queues share: the descriptors and
+// the geometry.
 #pragma once
 #include <memory>
 #include <string>
@@ -10,26 +12,40 @@ namespace mqb {
 
 class FileDisk : public Backend {
 public:
-    // Opens `path` read-write (read-only when that is all it allows). Returns
-    // null with a message in `err` when it cannot be opened or holds no block.
-    static std::unique_ptr<Backend> open(const std::string& path, std::string& err);
+    // Opens "PATH" or "PATH,direct=0|1" read-write (read-only when that is all
+    // it allows). Returns null with a message in `err` when it cannot be
+    // opened, holds no block, or direct I/O was asked for and is refused.
+    static std::unique_ptr<Backend> open(const std::string& params, std::string& err);
     ~FileDisk() override;
-    void execute(const Command& cmd, Outcome& out) override;
-    bool prepareAsync(const Command& cmd, IoRequest& io) override;
-    Geometry geometry() const override { return Geometry{blocks_, kBlockSize}; }
+    std::unique_ptr<Queue> openQueue(int depth) override;
+    Geometry geometry() const override { return Geometry{blocks_, blockSize_}; }
     const char* kind() const override { return "file"; }
+    bool direct() const override { return directFd_ >= 0; }
 
-    static constexpr uint32_t kBlockSize = 512;
+    // The descriptor for aligned transfers (O_DIRECT when direct), and the one
+    // for transfers direct I/O cannot take (buffered; the same descriptor
+    // when not direct).
+    int alignedFd() const { return directFd_ >= 0 ? directFd_ : fd_; }
+    int bufferedFd() const { return fd_; }
+    // Address and length alignment an alignedFd() transfer needs (1 when
+    // not direct).
+    uint32_t alignment() const { return directFd_ >= 0 ? blockSize_ : 1; }
+    uint32_t blockSize() const { return blockSize_; }
+    uint64_t blocks() const { return blocks_; }
+    bool readOnly() const { return readOnly_; }
+
+    static constexpr uint32_t kFileBlockSize = 512;
 
 private:
-    FileDisk(int fd, bool readOnly, uint64_t blocks)
-        : fd_(fd), readOnly_(readOnly), blocks_(blocks) {}
-    bool readAt(uint8_t* dst, uint64_t len, uint64_t off);
-    bool writeAt(const uint8_t* src, uint64_t len, uint64_t off);
+    FileDisk(int fd, int directFd, bool readOnly, uint64_t blocks, uint32_t blockSize)
+        : fd_(fd), directFd_(directFd), readOnly_(readOnly), blocks_(blocks),
+          blockSize_(blockSize) {}
 
-    int fd_;
-    bool readOnly_;
-    uint64_t blocks_;
+    const int fd_;
+    const int directFd_;  // -1 when not direct
+    const bool readOnly_;
+    const uint64_t blocks_;
+    const uint32_t blockSize_;
 };
 
 }  // namespace mqb

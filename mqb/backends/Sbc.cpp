@@ -7,29 +7,17 @@
 
 namespace mqb {
 
-namespace {
-void putBe32(uint8_t* p, uint32_t v) {
-    p[0] = uint8_t(v >> 24);
-    p[1] = uint8_t(v >> 16);
-    p[2] = uint8_t(v >> 8);
-    p[3] = uint8_t(v);
-}
-}  // namespace
-
-void buildFixedSense(Outcome& out, uint8_t key, uint8_t asc, uint8_t ascq,
-                     bool hasUec, uint16_t uec, bool valid, uint32_t info) {
-    const int len = hasUec ? 32 : 18;
+void buildFixedSense(Outcome& out, uint8_t key, scsi::Asc code, bool valid, uint64_t info,
+                     uint16_t uec, int len) {
+    if (len != scsi::kShortSense) len = scsi::kLongSense;
     std::memset(out.sense, 0, size_t(len));
     out.sense[0] = uint8_t(0x70 | (valid ? 0x80 : 0));
     out.sense[2] = uint8_t(key & 0x0F);
-    if (valid) putBe32(out.sense + 3, info);
+    if (valid) scsi::putBe32(out.sense + 3, info > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(info));
     out.sense[7] = uint8_t(len - 8);  // additional sense length
-    out.sense[12] = asc;
-    out.sense[13] = ascq;
-    if (hasUec) {
-        out.sense[20] = uint8_t(uec >> 8);
-        out.sense[21] = uint8_t(uec);
-    }
+    out.sense[12] = code.asc;
+    out.sense[13] = code.ascq;
+    if (len == scsi::kLongSense) scsi::putBe16(out.sense + 20, uec);
     out.senseLen = uint8_t(len);
     out.status = MQB_ERR_CHECK;
 }
@@ -38,16 +26,20 @@ namespace sbc {
 
 bool checkRange(const Command& c, uint64_t blocks, Outcome& out) {
     if (c.lba < blocks && (c.tl == 0 || c.lba + c.tl - 1 < blocks)) return true;
-    buildFixedSense(out, 0x05, 0x21, 0x00, false, 0, false, 0);
+    buildFixedSense(out, scsi::kKeyIllegalRequest, scsi::kLbaOutOfRange);
     return false;
 }
 
 void readCapacity(const Command& c, uint64_t blocks, uint32_t blockSize) {
     uint8_t d[8];
     const uint64_t last = blocks - 1;
-    putBe32(d, last > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(last));
-    putBe32(d + 4, blockSize);
+    scsi::putBe32(d, last > 0xFFFFFFFFULL ? 0xFFFFFFFFU : uint32_t(last));
+    scsi::putBe32(d + 4, blockSize);
     if (c.readBuf) std::memcpy(c.readBuf, d, size_t(std::min<uint64_t>(8, c.readLen)));
+}
+
+void invalidOpcode(Outcome& out) {
+    buildFixedSense(out, scsi::kKeyIllegalRequest, scsi::kInvalidOpcode);
 }
 
 }  // namespace sbc

@@ -1,11 +1,16 @@
 // SimDisk.cpp: the simulated SCSI disk: range checks and sense for the SBC
 // commands, READ CAPACITY(10), and the optional lazily allocated data store.
+// Reads from the store land in the caller's buffer through relaxedCopy: the
+// extension's loops share one read buffer.
 #include "SimDisk.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include "MQBErr.h"
+#include "RelaxedCopy.h"
+#include "SimQueue.h"
 
 namespace mqb {
 
@@ -59,6 +64,8 @@ bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err)
         } else if (key == "store") {
             ok = ok && v <= 1;
             if (ok) cfg.store = v == 1;
+        } else if (key == "storemax") {
+            if (ok) cfg.storeMax = v;
         } else {
             err = "unknown device spec key \"" + key + "\"";
             return false;
@@ -73,6 +80,10 @@ bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err)
 
 SimDisk::SimDisk(const SimConfig& cfg) : cfg_(cfg) {}
 
+std::unique_ptr<Queue> SimDisk::openQueue(int depth) {
+    return std::make_unique<SimQueue>(*this, depth);
+}
+
 Geometry SimDisk::geometry() const {
     Geometry g;
     g.blocks = cfg_.blocks;
@@ -86,41 +97,57 @@ Geometry SimDisk::geometry() const {
 void SimDisk::execute(const Command& c, Outcome& out) {
     out.status = MQB_OK;
     out.senseLen = 0;
-    if (c.opcode == sbc::kReadCapacity) {
+    if (c.opcode == scsi::kReadCapacity10) {
         sbc::readCapacity(c, cfg_.blocks, cfg_.blockSize);
         return;
     }
     if (!sbc::isDataCommand(c.opcode)) {
-        buildFixedSense(out, 0x05, 0x20, 0x00, false, 0, false, 0);
+        sbc::invalidOpcode(out);
         return;
     }
     if (!sbc::checkRange(c, cfg_.blocks, out)) return;
     if (!cfg_.store || cfg_.blockSize == 0 || c.tl == 0) return;
-    if (c.opcode == sbc::kRead && c.readBuf)
+    if (c.opcode == scsi::kRead10 && c.readBuf) {
         storeRead(c.lba, c.tl, c.readBuf, c.readLen);
-    else if ((c.opcode == sbc::kWrite || c.opcode == sbc::kWrv) && c.writeBuf)
-        storeWrite(c.lba, c.tl, c.writeBuf, c.writeLen);
+    } else if ((c.opcode == scsi::kWrite10 || c.opcode == scsi::kWriteVerify10) && c.writeBuf) {
+        // Like a thin-provisioned disk out of space: the write fails whole or
+        // in part, the disk stays usable.
+        if (!storeWrite(c.lba, c.tl, c.writeBuf, c.writeLen))
+            buildFixedSense(out, scsi::kKeyDataProtect, scsi::kSpaceAllocFailed, true, c.lba);
+    }
 }
 
 // Copies up to tl blocks (bounded by the buffer length) into the store,
-// allocating the chunks it touches for the first time.
-void SimDisk::storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t len) {
+// allocating the chunks it touches for the first time. Returns false, having
+// stored what fitted, when a chunk would take the store past storemax or
+// cannot be allocated.
+bool SimDisk::storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t len) {
     const uint64_t bs = cfg_.blockSize, chunkBytes = kChunkBlocks * bs;
     uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
     std::lock_guard<std::mutex> g(storeLock_);
     while (left > 0) {
         const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
         const uint64_t n = std::min(left, chunkBytes - within);
-        auto& chunk = chunks_[ci];
-        if (!chunk) {
-            chunk.reset(new uint8_t[chunkBytes]);
-            std::memset(chunk.get(), 0, chunkBytes);
+        auto it = chunks_.find(ci);
+        if (it == chunks_.end()) {
+            if (storeBytes_ + chunkBytes > cfg_.storeMax) return false;
+            std::unique_ptr<uint8_t[]> fresh(new (std::nothrow) uint8_t[chunkBytes]);
+            if (!fresh) return false;
+            std::memset(fresh.get(), 0, chunkBytes);
+            try {
+                it = chunks_.emplace(ci, std::move(fresh)).first;
+            } catch (const std::bad_alloc&) {
+                return false;
+            }
+            storeBytes_ += chunkBytes;
         }
+        auto& chunk = it->second;
         std::memcpy(chunk.get() + within, src, n);
         src += n;
         off += n;
         left -= n;
     }
+    return true;
 }
 
 // Copies up to tl blocks (bounded by the buffer length) out of the store;
@@ -134,9 +161,9 @@ void SimDisk::storeRead(uint64_t lba, uint32_t tl, uint8_t* dst, uint64_t len) {
         const uint64_t n = std::min(left, chunkBytes - within);
         auto it = chunks_.find(ci);
         if (it == chunks_.end())
-            std::memset(dst, 0, n);
+            relaxedZero(dst, n);
         else
-            std::memcpy(dst, it->second.get() + within, n);
+            relaxedCopy(dst, it->second.get() + within, n);
         dst += n;
         off += n;
         left -= n;

@@ -1,5 +1,6 @@
 // SimDisk.h: the simulated SCSI disk, the reference backend. It answers the
-// SBC commands the exerciser sends and optionally keeps written data.
+// SBC commands the exerciser sends and optionally keeps written data; its
+// queues (SimQueue) add the configured latency.
 #pragma once
 #include <atomic>
 #include <memory>
@@ -16,6 +17,7 @@ struct SimConfig {
     bool     lazyBlockSize = false;  // report 0 until READ CAPACITY(10) completed
     uint32_t latencyUs = 0;
     bool     store = false;          // keep written data
+    uint64_t storeMax = 1ULL << 30;  // bytes the store may hold
 };
 
 // Parses "k=v,k=v" (the part after "sim:") into `cfg`. Returns false with a
@@ -25,21 +27,27 @@ bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err)
 class SimDisk : public Backend {
 public:
     explicit SimDisk(const SimConfig& cfg);
-    void execute(const Command& cmd, Outcome& out) override;
+    std::unique_ptr<Queue> openQueue(int depth) override;
     Geometry geometry() const override;
-    uint32_t latencyUs() const override { return cfg_.latencyUs; }
     void capacityRead() override { capacityKnown_.store(true, std::memory_order_relaxed); }
     const char* kind() const override { return "sim"; }
 
+    // Carries out one command at once into `out` (the queue adds the latency).
+    // Safe from several threads.
+    void execute(const Command& cmd, Outcome& out);
+    uint32_t latencyUs() const { return cfg_.latencyUs; }
+
 private:
-    // Data store: blocks grouped in chunks, each allocated on first write.
+    // Data store: blocks grouped in chunks, each allocated on first write,
+    // never freed while the disk lives.
     static constexpr uint64_t kChunkBlocks = 256;
-    void storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t len);
+    bool storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t len);
     void storeRead(uint64_t lba, uint32_t tl, uint8_t* dst, uint64_t len);
 
     SimConfig cfg_;
     std::atomic<bool> capacityKnown_{false};
     std::mutex storeLock_;
+    uint64_t storeBytes_ = 0;  // bytes of chunks allocated; storeLock_ held
     std::unordered_map<uint64_t, std::unique_ptr<uint8_t[]>> chunks_;
 };
 

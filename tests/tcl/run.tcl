@@ -1,5 +1,6 @@
-# run.tcl: runs one tcltest file inside kivsh and exits non-zero when any test
-# in it failed, so CTest sees the failure.  Usage: kivsh run.tcl FILE.test
+# run.tcl: runs one tcltest file inside kivsh and exits 1 when any test in it
+# failed, so CTest sees the failure, and 77 (skipped) when every test in it was
+# skipped.  Usage: kivsh run.tcl FILE.test
 package require tcltest 2.5
 namespace import ::tcltest::*
 
@@ -20,11 +21,16 @@ testConstraint plaintclsh [expr {![info exists ::env(KIV_SANITIZE)] || $::env(KI
 testConstraint interactive 1
 
 set ::kivFailed 0
+set ::kivAllSkipped 0
 proc ::tcltest::cleanupTestsHook {} {
     variable numTests
     if {$numTests(Failed) > 0} { set ::kivFailed 1 }
+    # Every test skipped (no device, peer or display): nothing was tested.
+    if {$numTests(Total) > 0 && $numTests(Skipped) == $numTests(Total)} { set ::kivAllSkipped 1 }
 }
 source [file join [file dirname [info script]] helpers.tcl]
 source $testFile
 if {$::kivFailed} { exit 1 }
+# CTest counts exit 77 as skipped.
+if {$::kivAllSkipped} { exit 77 }
 exit 0

@@ -1,13 +1,20 @@
-// mqb_sg_test.cpp: the SCSI generic backend: how SG_IO results become
-// outcomes, the open errors, and a capacity read on a real sg device if any.
+// mqb_sg_test.cpp: the SCSI generic backend: how sg results become
+// outcomes, the queue's bookkeeping over several descriptors of a fake
+// device (pack_id matching, refusals, time-outs, long sense), the open
+// errors, and a capacity read on a real sg device if any.
 #include <gtest/gtest.h>
 #include <glob.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <deque>
+#include <map>
 #include "DeviceTable.h"
 #include "MQBErr.h"
 #include "TestSupport.h"
-#include "backends/SgDisk.h"
+#include "backends/SgQueue.h"
 
 namespace {
 struct Case { const char* what; uint8_t status, masked; uint16_t host, driver; uint8_t senseWr; int want; };
@@ -17,7 +24,8 @@ TEST(SgMap, StatusHostAndDriverCodes) {
         {"good", 0x00, 0, 0, 0, 0, MQB_OK},
         {"check, 18 bytes of sense", 0x02, 0x01, 0, 0x08, 18, MQB_ERR_CHECK},
         {"check via masked_status only", 0x00, 0x01, 0, 0x08, 32, MQB_ERR_CHECK},
-        {"check, sense clamped to 32", 0x02, 0x01, 0, 0x08, 40, MQB_ERR_CHECK},
+        {"check, 96 bytes of descriptor sense", 0x02, 0x01, 0, 0x08, 96, MQB_ERR_CHECK},
+        {"check, sense clamped to 252", 0x02, 0x01, 0, 0x08, 255, MQB_ERR_CHECK},
         {"check without sense", 0x02, 0x01, 0, 0, 0, MQB_ERR_IO},
         {"host DID_TIME_OUT", 0x00, 0, 0x03, 0, 0, MQB_ERR_TIMEOUT},
         {"driver timeout (with suggestion bits)", 0x00, 0, 0, 0x26, 0, MQB_ERR_TIMEOUT},
@@ -28,21 +36,200 @@ TEST(SgMap, StatusHostAndDriverCodes) {
         {"host DID_NO_CONNECT despite check", 0x02, 0x01, 0x01, 0x08, 18, MQB_ERR_IO},
         {"driver error", 0x00, 0, 0, 0x04, 0, MQB_ERR_IO},
     };
-    uint8_t sense[64];
-    for (int i = 0; i < 64; ++i) sense[i] = uint8_t(0x70 + i);
+    uint8_t sense[255];
+    for (int i = 0; i < 255; ++i) sense[i] = uint8_t(0x70 + i);
     for (const Case& k : cases) {
         sg_io_hdr_t h;
         std::memset(&h, 0, sizeof h);
         h.status = k.status, h.masked_status = k.masked, h.host_status = k.host;
-        h.driver_status = k.driver, h.sb_len_wr = k.senseWr, h.sbp = sense, h.mx_sb_len = 64;
+        h.driver_status = k.driver, h.sb_len_wr = k.senseWr, h.sbp = sense, h.mx_sb_len = 255;
         mqb::Outcome out;
         out.status = 1, out.senseLen = 7;  // stale values must not survive
         mqb::mapSgResult(h, out);
         EXPECT_EQ(out.status, k.want) << k.what;
-        const unsigned wantLen = k.want == MQB_ERR_CHECK ? std::min<unsigned>(k.senseWr, 32) : 0;
+        const unsigned wantLen = k.want == MQB_ERR_CHECK ? std::min<unsigned>(k.senseWr, 252) : 0;
         ASSERT_EQ(out.senseLen, wantLen) << k.what;
         EXPECT_EQ(std::memcmp(out.sense, sense, wantLen), 0) << k.what;
     }
+}
+
+// A device behind fake descriptors: started headers wait until the test
+// finishes them, in any order, with any result.
+struct FakeSg {
+    struct Port : mqb::SgPort {
+        FakeSg& dev;
+        int cap, refuseAbove, efd = eventfd(0, EFD_NONBLOCK);
+        std::vector<sg_io_hdr_t> started;  // in flight on this descriptor
+        std::deque<sg_io_hdr_t> finished;
+        Port(FakeSg& d, int c, int r) : dev(d), cap(c), refuseAbove(r) {}
+        ~Port() override { close(efd); }
+        int start(sg_io_hdr_t& h) override {
+            if (int(started.size()) >= std::min(cap, refuseAbove)) return -EAGAIN;
+            started.push_back(h);
+            dev.order.push_back(this);
+            return 0;
+        }
+        int finish(sg_io_hdr_t& h) override {
+            if (finished.empty()) return -EAGAIN;
+            h = finished.front();
+            finished.pop_front();
+            uint64_t v;
+            if (finished.empty()) (void)!read(efd, &v, 8);
+            return 0;
+        }
+        int pollFd() const override { return efd; }
+        int capacity() const override { return cap; }
+    };
+    int cap = 16, refuseAbove = 1 << 30, opens = 0, maxOpens = 1 << 30;
+    std::vector<Port*> ports, order;
+    mqb::SgPortOpener opener() {
+        return [this]() -> std::unique_ptr<mqb::SgPort> {
+            if (opens++ >= maxOpens) return nullptr;
+            auto p = std::make_unique<Port>(*this, cap, refuseAbove);
+            ports.push_back(p.get());
+            return p;
+        };
+    }
+    // Finishes the command with pack_id `id` with `fill`'s result fields.
+    void finish(int id, const sg_io_hdr_t& fill, const uint8_t* sense = nullptr) {
+        for (Port* p : ports)
+            for (auto it = p->started.begin(); it != p->started.end(); ++it) {
+                if (it->pack_id != id) continue;
+                sg_io_hdr_t h = *it;
+                h.status = fill.status, h.host_status = fill.host_status, h.driver_status = fill.driver_status;
+                h.sb_len_wr = fill.sb_len_wr;
+                if (sense) std::memcpy(h.sbp, sense, fill.sb_len_wr);
+                if (h.dxfer_direction == SG_DXFER_FROM_DEV) std::memset(h.dxferp, 0x5A, h.dxfer_len);
+                p->started.erase(it);
+                p->finished.push_back(h);
+                uint64_t one = 1;
+                (void)!write(p->efd, &one, 8);
+                return;
+            }
+        ADD_FAILURE() << "no command with pack_id " << id;
+    }
+};
+
+mqb::Command cmd10(uint8_t op, uint8_t* cdb, uint8_t* buf = nullptr, uint64_t len = 0) {
+    mqb::Command c;
+    cdb[0] = op;
+    c.cdb = cdb, c.cdbLen = 10, c.opcode = op;
+    if (op == 0x28) {
+        c.readBuf = buf, c.readLen = len;
+    } else {
+        c.writeBuf = buf, c.writeLen = len;
+    }
+    return c;
+}
+
+TEST(SgQueueFake, SpreadsTheDepthOverDescriptorsAndMatchesCompletionsInAnyOrder) {
+    FakeSg dev;
+    constexpr int kDepth = 40;
+    mqb::SgQueue q(dev.opener(), kDepth, 1000);
+    uint8_t cdb[10] = {}, data[kDepth][512];
+    mqb::Outcome out[kDepth];
+    for (int i = 0; i < kDepth; ++i)
+        ASSERT_EQ(q.submit(cmd10(i % 2 ? 0x28 : 0x2A, cdb, data[i], 512), &out[i], 1000 + i), 0);
+    uint8_t extra[10] = {0x28};
+    mqb::Outcome spare;
+    EXPECT_EQ(q.submit(cmd10(0x28, extra), &spare, 0), MQB_ERR_QUEUE_FULL);
+    EXPECT_EQ(dev.order.size(), 0u) << "nothing starts before the commit";
+    ASSERT_EQ(q.commit(), 0);
+    ASSERT_EQ(q.ports(), 3);
+    EXPECT_EQ(std::vector<size_t>({dev.ports[0]->started.size(), dev.ports[1]->started.size(), dev.ports[2]->started.size()}),
+              std::vector<size_t>({16, 16, 8}));
+    std::map<int, int> ids;  // pack_id -> token order, to finish them backwards
+    for (FakeSg::Port* p : dev.ports)
+        for (const auto& h : p->started) ids[h.pack_id]++;
+    ASSERT_EQ(ids.size(), size_t(kDepth)) << "every command has its own pack_id";
+    uint8_t sense[252];
+    for (int i = 0; i < 252; ++i) sense[i] = uint8_t(0x72 + i);
+    std::vector<int> idsBack;
+    for (auto& [id, n] : ids) idsBack.insert(idsBack.begin(), id);
+    for (size_t k = 0; k < idsBack.size(); ++k) {
+        sg_io_hdr_t r{};
+        if (k == 3) r.status = 0x02, r.driver_status = 0x08, r.sb_len_wr = 252;  // CHECK, full-size sense
+        if (k == 5) r.host_status = 0x03;                                          // DID_TIME_OUT
+        dev.finish(idsBack[k], r, k == 3 ? sense : nullptr);
+    }
+    uint64_t tokens[kDepth];
+    int got = 0;
+    while (got < kDepth) {
+        const int n = q.reap(tokens + got, 1, kDepth - got, -1);
+        ASSERT_GT(n, 0);
+        got += n;
+    }
+    EXPECT_EQ(q.outstanding(), 0);
+    std::map<int, int> statuses;
+    for (int i = 0; i < kDepth; ++i) {
+        const int t = int(tokens[i] - 1000);
+        ASSERT_TRUE(t >= 0 && t < kDepth);
+        statuses[out[t].status]++;
+        if (out[t].status == MQB_ERR_CHECK) {
+            EXPECT_EQ(out[t].senseLen, 252);
+            EXPECT_EQ(std::memcmp(out[t].sense, sense, 252), 0);
+        }
+        if (t % 2 && out[t].status == 0) {
+            EXPECT_EQ(data[t][511], 0x5A) << "read data lands in the command's buffer";
+        }
+    }
+    EXPECT_EQ(statuses, (std::map<int, int>{{0, 38}, {MQB_ERR_CHECK, 1}, {MQB_ERR_TIMEOUT, 1}}));
+}
+
+TEST(SgQueueFake, RefusedStartsWaitForRoomAndStrayCompletionsAreIgnored) {
+    FakeSg dev;
+    dev.refuseAbove = 2, dev.maxOpens = 1;  // one descriptor that takes two at a time
+    mqb::SgQueue q(dev.opener(), 8, 1000);
+    uint8_t cdb[10] = {};
+    mqb::Outcome out[4];
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(q.submit(cmd10(0x2F, cdb), &out[i], uint64_t(i)), 0);
+    q.commit();
+    ASSERT_EQ(dev.ports[0]->started.size(), 2u);
+    uint64_t tokens[4];
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(q.reap(tokens, 1, 4, 20000000), 0) << "nothing finished within 20 ms";
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(15));
+    sg_io_hdr_t stray{};
+    stray.pack_id = 3, stray.usr_ptr = nullptr;  // a pack_id of ours, but not our command
+    dev.ports[0]->finished.push_back(stray);
+    const int first = dev.ports[0]->started[0].pack_id;
+    dev.finish(first, sg_io_hdr_t{});
+    ASSERT_EQ(q.reap(tokens, 1, 4, -1), 1);
+    EXPECT_EQ(dev.ports[0]->started.size(), 2u) << "the freed room went to a waiting command";
+    int n = 1;
+    while (!dev.ports[0]->started.empty()) {
+        dev.finish(dev.ports[0]->started[0].pack_id, sg_io_hdr_t{});
+        n += q.reap(tokens, 1, 4, -1);
+    }
+    EXPECT_EQ(std::make_pair(n, q.outstanding()), std::make_pair(4, 0));
+    for (const auto& o : out) EXPECT_EQ(o.status, 0);
+}
+
+TEST(SgQueueFake, DataDirectionFollowsTheOpcodeAndBytchk) {
+    FakeSg dev;
+    mqb::SgQueue q(dev.opener(), 8, 1000);
+    uint8_t cdbs[4][10] = {{}, {}, {0, 0x02}, {}}, buf[512];
+    const uint8_t ops[4] = {0x28, 0x2A, 0x2F, 0x2F};
+    mqb::Outcome out[4];
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(q.submit(cmd10(ops[i], cdbs[i], buf, 512), &out[i], uint64_t(i)), 0);
+    q.commit();
+    std::vector<int> dirs;
+    for (const auto& h : dev.ports[0]->started) dirs.push_back(h.dxfer_direction);
+    EXPECT_EQ(dirs, (std::vector<int>{SG_DXFER_FROM_DEV, SG_DXFER_TO_DEV, SG_DXFER_TO_DEV, SG_DXFER_NONE}))
+        << "VERIFY sends its buffer only when BYTCHK asks for a compare";
+    for (int i = 0; i < 4; ++i) dev.finish(dev.ports[0]->started[0].pack_id, sg_io_hdr_t{});
+}
+
+TEST(SgQueueFake, NoDescriptorAtAllFailsEveryCommand) {
+    FakeSg dev;
+    dev.maxOpens = 0;
+    mqb::SgQueue q(dev.opener(), 4, 1000);
+    uint8_t cdb[10] = {};
+    mqb::Outcome out[2];
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(q.submit(cmd10(0x2F, cdb), &out[i], uint64_t(i)), 0);
+    uint64_t tokens[2];
+    EXPECT_EQ(q.reap(tokens, 2, 2, -1), 2);
+    EXPECT_EQ(std::make_pair(out[0].status, out[1].status), std::make_pair(int(MQB_ERR_IO), int(MQB_ERR_IO)));
 }
 
 TEST(SgOpen, ErrorMessages) {

@@ -11,6 +11,8 @@
 #include "DeviceTable.h"
 #include "MQB.h"
 #include "MQBErr.h"
+#include "backends/Queue.h"
+#include "backends/SimDisk.h"
 
 // Counts allocations while g_countAllocs is set, to prove the command path allocates nothing.
 // The replacements pair malloc with free themselves, which GCC cannot see.
@@ -51,8 +53,11 @@ Bytes lastSense(MQB& m) {
     EXPECT_EQ(m.errInfo(MQB_INFO_SENSE, 3, buf, &size, &length), 0);
     return Bytes(buf, buf + (length > 0 ? length : 0));
 }
+// 32-byte fixed sense, UEC 0: what the simulated disk answers unless told otherwise.
 Bytes fixedSense(uint8_t key, uint8_t asc, uint8_t ascq) {
-    return {0x70, 0, key, 0, 0, 0, 0, 10, 0, 0, 0, 0, asc, ascq, 0, 0, 0, 0};
+    Bytes s(32, 0);
+    s[0] = 0x70, s[2] = key, s[7] = 24, s[12] = asc, s[13] = ascq;
+    return s;
 }
 Rule rule(Rule::Kind kind, Rule::Op op = Rule::Op::Any, uint64_t lo = 0, uint64_t hi = UINT64_MAX, int status = 0) {
     Rule r;
@@ -170,6 +175,8 @@ TEST_F(Sim, CountersPeakOutstandingAndQueueFull) {
     for (int i = 0; i < 256; ++i) ASSERT_EQ(send(m, rec(READ10, 0, 1, i)), 0) << i;
     EXPECT_EQ(send(m, rec(READ10, 0, 1)), MQB_ERR_QUEUE_FULL);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(send(other, rec(READ10, 0, 1)), 0);
+    EXPECT_EQ(r.stats().maxOutstanding, 1u) << "sent is not yet at the device";
+    m.commit(), other.commit();
     while (m.receive() == 0 || other.receive() == 0) {}
     EXPECT_EQ(r.stats().maxOutstanding, 259u);
 }
@@ -267,6 +274,8 @@ TEST_F(Sim, TwoThreadsHammerOneDeviceOnItsLockedFaultPath) {
 
 TEST_F(Sim, SendAndReceiveDoNotAllocate) {
     CDBStruct recs[4] = {rec(READ10, 1, 8), rec(WRITE10, 2, 8), rec(READ10, 2000, 1), rec(VERIFY10, 3, 1)};
+    ASSERT_EQ(roundTrip(m, recs[0]), 0);  // the first command opens the channel's queue
+    mqb::reset(r.idx);
     g_countAllocs = true;
     for (int i = 0; i < 1000; ++i) {
         for (CDBStruct& c : recs) m.send(reinterpret_cast<unsigned char*>(&c));
@@ -275,4 +284,71 @@ TEST_F(Sim, SendAndReceiveDoNotAllocate) {
     g_countAllocs = false;
     EXPECT_EQ(g_allocs.load(), 0);
     EXPECT_EQ(r.stats().errors, 1000u) << "the failing path was taken too";
+}
+
+TEST(SimStore, FullStoreFailsWritesLikeAThinDiskAndKeepsWhatItHas) {
+    // 256-block chunks of 512 bytes: a 300 KiB cap holds two of them.
+    Rig r("sim:blocks=4294967296,store=1,storemax=307200");
+    Bytes a(512, 0xA1), b(512, 0xB2), in(512);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 10, 1, 0, &a)), 0);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 0xFFFFFF00, 1, 0, &b)), 0);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 300, 1, 0, &a)), MQB_ERR_CHECK) << "a third chunk passes the cap";
+    Bytes full = fixedSense(0x07, 0x27, 0x07);
+    full[0] = 0xF0, full[5] = 0x01, full[6] = 0x2C;  // INFORMATION 300
+    EXPECT_EQ(lastSense(*r.m), full);
+    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 11, 1, 0, &b)), 0) << "an allocated chunk still takes writes";
+    for (auto [lba, want] : {std::pair<uint32_t, Bytes*>{10, &a}, {0xFFFFFF00, &b}, {11, &b}}) {
+        ASSERT_EQ(roundTrip(*r.m, rec(READ10, lba, 1, 0, &in)), 0);
+        EXPECT_EQ(in, *want) << lba;
+    }
+    std::string err;
+    EXPECT_EQ(mqb::addDevice("sim:storemax=lots", err), -1);
+    EXPECT_EQ(err, "bad value \"lots\" for device spec key \"storemax\"");
+}
+
+// Two threads read two stored disks into one buffer at once, as the
+// extension's loops do with their shared read buffer. ThreadSanitizer
+// builds check that the copies are not a data race.
+TEST(SimStore, ThreadsReadingIntoOneSharedBuffer) {
+    Rig a("sim:blocks=1000,store=1"), b("sim:blocks=1000,store=1");
+    Bytes fillA(8 * 512, 0x11), fillB(8 * 512, 0x22), shared(8 * 512 + 3);
+    ASSERT_EQ(roundTrip(*a.m, rec(WRITE10, 0, 8, 0, &fillA)), 0);
+    ASSERT_EQ(roundTrip(*b.m, rec(WRITE10, 0, 8, 0, &fillB)), 0);
+    std::atomic<int> failures{0};
+    auto reader = [&](Rig& r, int off) {
+        CDBStruct c = rec(READ10, 0, 8, 0, &shared);
+        c.readBuf = shared.data() + off, c.readLen = 8 * 512;  // unaligned for one of them
+        for (int i = 0; i < 2000; ++i) failures += roundTrip(*r.m, c) != 0;
+    };
+    std::thread t1(reader, std::ref(a), 0), t2(reader, std::ref(b), 3);
+    t1.join(), t2.join();
+    EXPECT_EQ(failures.load(), 0);
+    for (size_t i = 0; i < shared.size(); ++i) ASSERT_TRUE(shared[i] == 0x11 || shared[i] == 0x22) << i;
+}
+
+// The latency runs from the commit; a reap waits for the earliest due
+// command, no longer than its time-out, and hands back at most `max`.
+TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
+    mqb::SimConfig cfg;
+    cfg.latencyUs = 30000;
+    mqb::SimDisk disk(cfg);
+    std::unique_ptr<mqb::Queue> q = disk.openQueue(4);
+    uint8_t cdb[10] = {READ10};
+    mqb::Command c;
+    c.cdb = cdb, c.cdbLen = 10, c.opcode = READ10, c.tl = 1;
+    mqb::Outcome out[5];
+    for (uint64_t t = 0; t < 4; ++t) ASSERT_EQ(q->submit(c, &out[t], t), 0);
+    EXPECT_EQ(q->submit(c, &out[4], 4), MQB_ERR_QUEUE_FULL);
+    using Clock = std::chrono::steady_clock;
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));  // not at the device yet
+    const auto t0 = Clock::now();
+    uint64_t tokens[4];
+    EXPECT_EQ(q->reap(tokens, 1, 4, 5000000), 0) << "committed now, due in 30 ms";
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(5));
+    ASSERT_EQ(q->reap(tokens, 1, 3, -1), 3);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(29));
+    EXPECT_EQ(std::vector<uint64_t>(tokens, tokens + 3), (std::vector<uint64_t>{0, 1, 2}));
+    EXPECT_EQ(std::make_pair(q->reap(tokens, 0, 4, 0), tokens[0]), std::make_pair(1, uint64_t(3)));
+    EXPECT_EQ(q->outstanding(), 0);
+    EXPECT_EQ(q->reap(tokens, 1, 4, -1), 0) << "nothing held: no wait";
 }

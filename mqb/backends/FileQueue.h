@@ -1,0 +1,96 @@
+// FileQueue.h: a channel's queue to a file or block device. Each command is a
+// small sequence of transfers (a read; a write; a write then a read-back; a
+// verify read in pieces) run through the queue's own io_uring, or with
+// pread/pwrite inside submit() when the kernel refuses io_uring.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include "Queue.h"
+
+namespace mqb {
+
+class FileDisk;
+
+class FileQueue : public Queue {
+public:
+    // With `useRing` false (or when the kernel refuses a ring) every command
+    // runs synchronously inside submit().
+    FileQueue(FileDisk& disk, int depth, bool useRing = true);
+    // Waits until the kernel is done with every buffer it was given.
+    ~FileQueue() override;
+    FileQueue(const FileQueue&) = delete;
+    FileQueue& operator=(const FileQueue&) = delete;
+
+    int submit(const Command& cmd, Outcome* out, uint64_t token) override;
+    int commit() override;
+    int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
+    int outstanding() const override { return cap_ - nFree_; }
+
+    // True when commands go through io_uring (false: synchronous fallback).
+    bool async() const { return ringUp_; }
+
+    // Bytes of one bounce buffer: transfers the caller's buffers cannot make
+    // directly (unaligned for O_DIRECT), read-backs and verify reads go
+    // through it in pieces of at most this size.
+    static constexpr uint64_t kBounce = 1 << 20;
+
+private:
+    enum class Phase : uint8_t { Read, Write, Check };
+    // One transfer in progress: `len` bytes left at `off` of `fd`.
+    struct Io {
+        int      fd;
+        bool     write;
+        uint8_t* buf;
+        uint64_t len;
+        uint64_t off;
+    };
+    struct Op {
+        uint64_t       token;
+        Outcome*       out;
+        uint64_t       lba;
+        uint8_t*       dst;      // READ: the caller's data-in buffer
+        uint64_t       dstLen;   //   and the bytes it takes
+        const uint8_t* src;      // data-out buffer (WRITE, WRV, VERIFY with BYTCHK)
+        uint64_t       srcLen;
+        uint64_t       start;    // byte offset of the command's first block
+        uint64_t       total;    // bytes of the current phase
+        uint64_t       pos;      // bytes of the phase done before the current piece
+        uint64_t       piece;    // bytes of the current piece
+        Phase          phase;
+        bool           wrv;      // WRITE AND VERIFY: a read-back follows the write
+        bool           compare;  // BYTCHK: the read-back is compared with src
+        bool           bounced;  // the read landed in the bounce buffer
+        Io             io;
+        std::unique_ptr<uint8_t, void (*)(void*)> bounce{nullptr, nullptr};
+    };
+
+    // Sets up the first transfer of `op`; false when the command is already
+    // answered (out filled).
+    bool begin(Op& op, const Command& c);
+    // Takes the result of op's transfer (bytes, or -errno); true when op.io
+    // now holds the next transfer, false when the command is answered.
+    bool advance(Op& op, int64_t res);
+    bool startCheckPiece(Op& op);
+    bool haveBounce(Op& op);
+    void fail(Op& op, bool write);
+    void finish(int i);
+    void runSync(Op& op);
+
+    FileDisk& disk_;
+    const int cap_;
+    const uint64_t bs_;
+    std::unique_ptr<Op[]> ops_;
+    std::unique_ptr<int[]> free_;  // stack of unused op indexes
+    int nFree_;
+    std::unique_ptr<int[]> done_;  // finished ops not yet reaped, oldest first
+    int doneHead_ = 0, doneCount_ = 0;
+    // The io_uring, when there is one (kept out of this header so that the
+    // layout does not depend on how liburing was found).
+    struct Ring;
+    std::unique_ptr<Ring> ring_;
+    bool ringUp_ = false;
+    void queueIo(int i);
+    void takeCqes();
+};
+
+}  // namespace mqb

@@ -1,0 +1,86 @@
+// IscsiQueue.h: one iSCSI session used as a channel's asynchronous queue.
+// Commands are queued on the session by submit(), written to the socket by
+// commit(), and completed by reap(), which drives the session's event loop
+// (poll on its socket, then libiscsi's service call). A command the target
+// leaves unanswered past the time-out, or a session the target drops, ends
+// every outstanding command with a time-out status; the session is then dead
+// and refuses further commands.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+#include "IscsiDisk.h"
+#include "Queue.h"
+
+struct iscsi_context;
+
+namespace mqb {
+
+class IscsiQueue : public Queue {
+public:
+    // Logs in to `target` (blocking, bounded by its time-out) and makes room
+    // for `depth` commands in flight (1 to 1024). Returns null with the
+    // transport's message in `err` when the login fails.
+    static std::unique_ptr<IscsiQueue> open(const IscsiTarget& target, int depth,
+                                            std::string& err);
+    // Drops whatever is still in flight (its outcomes are not written), logs
+    // out of a live session and closes it.
+    ~IscsiQueue() override;
+
+    int submit(const Command& cmd, Outcome* out, uint64_t token) override;
+    int commit() override;
+    int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
+    int outstanding() const override { return outstanding_; }
+
+    // True once the session was lost (dropped, or a command timed out).
+    bool lost() const { return lost_; }
+    // Why the session was lost; empty while it is alive.
+    const std::string& lossReason() const { return lossReason_; }
+
+    IscsiQueue(const IscsiQueue&) = delete;
+    IscsiQueue& operator=(const IscsiQueue&) = delete;
+
+private:
+    struct Slot;
+
+    IscsiQueue(iscsi_context* ctx, const IscsiTarget& target, int depth);
+
+    // libiscsi's completion callback; `slot` is the command's Slot.
+    static void onDone(iscsi_context* ctx, int status, void* data, void* slot);
+    // Records `slot`'s outcome (unless the queue is closing), frees its task
+    // and hands its token to reap.
+    void finish(Slot& slot, int status);
+    // Makes `slot` idle again: frees what libiscsi left on its task record
+    // (or the record itself when libiscsi hung its own memory on it).
+    void recycle(Slot& slot);
+    // Waits on the socket up to `waitMs` (0: only look) and lets libiscsi
+    // process what came. Marks the session lost when the socket reports the
+    // peer gone or libiscsi gives up on it.
+    void pollOnce(int waitMs);
+    // Ends every command in flight with -14 and marks the session dead.
+    void markLost(const char* why);
+    // Moves finished tokens to `tokens[n..max)`; returns the new n.
+    int take(uint64_t* tokens, int n, int max);
+
+    iscsi_context* ctx_;
+    const int lun_;
+    const int timeoutSec_;
+    const int64_t timeoutNs_;
+    std::vector<Slot> slots_;
+    std::vector<int> free_;          // indexes of idle slots, used as a stack
+    int nFree_;
+    std::vector<uint64_t> done_;     // ring of finished tokens not yet reaped
+    int doneHead_ = 0, doneCount_ = 0;
+    int inFlight_ = 0;               // with the target (callback not yet run)
+    int outstanding_ = 0;            // submitted and not yet reaped
+    bool uncommitted_ = false;
+    bool lost_ = false;
+    // Set by a callback when libiscsi gave up on a command (time-out, dropped
+    // connection); the session is marked lost once libiscsi has returned.
+    const char* failure_ = nullptr;
+    bool closing_ = false;
+    std::string lossReason_;
+};
+
+}  // namespace mqb

@@ -1,0 +1,83 @@
+// SimQueue.cpp: the simulated disk's queue. One disk has one latency, so
+// commands fall due in the order they were committed: the queue is a plain
+// ring, oldest first, and a reap never sorts.
+#include "SimQueue.h"
+#include <chrono>
+#include <thread>
+#include "MQBErr.h"
+#include "SimDisk.h"
+
+namespace mqb {
+
+namespace {
+uint64_t nowNs() {
+    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch()).count());
+}
+}  // namespace
+
+SimQueue::SimQueue(SimDisk& disk, int depth)
+    : disk_(disk), latencyNs_(uint64_t(disk.latencyUs()) * 1000),
+      ring_(new Entry[size_t(depth > 0 ? depth : 1)]), cap_(depth > 0 ? depth : 1) {}
+
+// The disk answers now (data lands in the caller's buffer at once); only the
+// completion waits for its due time.
+int SimQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
+    if (count_ == cap_) return MQB_ERR_QUEUE_FULL;
+    disk_.execute(cmd, *out);
+    int pos = head_ + count_;
+    if (pos >= cap_) pos -= cap_;
+    ring_[pos] = Entry{token, 0};
+    ++count_;
+    return MQB_OK;
+}
+
+// Starts the latency of every command submitted since the last commit. Reads
+// the clock only for a disk with latency.
+int SimQueue::commit() {
+    if (committed_ == count_) return MQB_OK;
+    if (latencyNs_ != 0) {
+        const uint64_t due = nowNs() + latencyNs_;
+        for (int i = committed_; i < count_; ++i) {
+            int pos = head_ + i;
+            if (pos >= cap_) pos -= cap_;
+            ring_[pos].due = due;
+        }
+    }
+    committed_ = count_;
+    return MQB_OK;
+}
+
+int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
+    commit();
+    if (min > max) min = max;
+    int n = 0;
+    if (latencyNs_ == 0) {
+        // Everything committed is done: no clock, no wait.
+        while (n < max && count_ > 0) {
+            tokens[n++] = ring_[head_].token;
+            if (++head_ == cap_) head_ = 0;
+            --count_;
+        }
+        committed_ = count_;
+        return n;
+    }
+    const uint64_t start = nowNs();
+    const uint64_t deadline = timeoutNs < 0 ? UINT64_MAX : start + uint64_t(timeoutNs);
+    uint64_t now = start;
+    for (;;) {
+        while (n < max && count_ > 0 && ring_[head_].due <= now) {
+            tokens[n++] = ring_[head_].token;
+            if (++head_ == cap_) head_ = 0;
+            --count_;
+            --committed_;
+        }
+        if (n >= min || count_ == 0 || n == max || now >= deadline) break;
+        const uint64_t wake = ring_[head_].due < deadline ? ring_[head_].due : deadline;
+        std::this_thread::sleep_for(std::chrono::nanoseconds(wake - now));
+        now = nowNs();
+    }
+    return n;
+}
+
+}  // namespace mqb

@@ -1,0 +1,36 @@
+// SimQueue.h: a channel's queue to a simulated disk. The disk decides each
+// command's outcome when it is submitted; the queue holds it until it is due
+// (commit time plus the disk's latency) and hands completions back in order.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include "Queue.h"
+
+namespace mqb {
+
+class SimDisk;
+
+class SimQueue : public Queue {
+public:
+    SimQueue(SimDisk& disk, int depth);
+    int submit(const Command& cmd, Outcome* out, uint64_t token) override;
+    int commit() override;
+    // Sleeps until the earliest command is due when fewer than `min` are.
+    int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
+    int outstanding() const override { return count_; }
+
+private:
+    struct Entry {
+        uint64_t token;
+        uint64_t due;  // steady-clock ns; set by commit
+    };
+    SimDisk& disk_;
+    const uint64_t latencyNs_;
+    std::unique_ptr<Entry[]> ring_;
+    const int cap_;
+    int head_ = 0;       // oldest entry
+    int count_ = 0;      // entries held
+    int committed_ = 0;  // the first `committed_` entries from head_ have a due time
+};
+
+}  // namespace mqb
