@@ -18,15 +18,14 @@
 #include "MQB.h"
 #include <cstdarg>
 #include <cstdio>
-#include <chrono>
 #include <cstring>
-#include <thread>
 #include <vector>
 #include "DataChecker.h"
 #include "DeviceTable.h"
 #include "LatencyRecorder.h"
 #include "MQBErr.h"
 #include "Scsi.h"
+#include "SteadyClock.h"
 #include "backends/Device.h"
 #include "backends/Queue.h"
 
@@ -201,7 +200,7 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
             continue;
         }
         // A delay fault rule picked it: held from now for the rule's time.
-        if (now == 0) now = mqb::LatencyRecorder::nowNs();
+        if (now == 0) now = mqb::steadyNs();
         s.holdUntil = now + uint64_t(s.tk.delayUs) * 1000;
         delayed[nDelayed++] = int(tokens[i]);
     }
@@ -229,7 +228,7 @@ void MQB::Impl::failLane(Lane& l, int status) {
 
 // Moves every held completion whose time has come to the ready ring.
 void MQB::Impl::promoteDue() {
-    const uint64_t now = mqb::LatencyRecorder::nowNs();
+    const uint64_t now = mqb::steadyNs();
     for (int i = 0; i < nDelayed;) {
         if (slots[delayed[i]].holdUntil <= now) {
             complete(delayed[i]);
@@ -258,7 +257,7 @@ int MQB::Impl::collect() {
         if (readyCount > 0) return MQB_OK;
         int64_t wait = -1;  // how long a reap may block: until the next hold ends
         if (nDelayed > 0) {
-            const uint64_t due = earliestHold(), now = mqb::LatencyRecorder::nowNs();
+            const uint64_t due = earliestHold(), now = mqb::steadyNs();
             wait = due > now ? int64_t(due - now) : 0;
         }
         Lane* busy = nullptr;
@@ -267,7 +266,7 @@ int MQB::Impl::collect() {
             if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
         if (nBusy == 0) {
             if (nDelayed == 0) return MQB_ERR_IO;
-            std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
+            mqb::sleepUntilNs(earliestHold());
             continue;
         }
         if (nBusy == 1) {
