@@ -252,6 +252,18 @@ uint64_t MQB::Impl::earliestHold() const {
 // first held completion is due, when there is one); with several, each is
 // looked at in turn and waited on briefly.
 int MQB::Impl::collect() {
+    if (nDelayed == 0) {
+        // The usual case, one device busy and nothing held: one blocking reap.
+        Lane* busy = nullptr;
+        int nBusy = 0;
+        for (auto& l : lanes)
+            if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
+        if (nBusy == 1) {
+            reapLane(*busy, 1, -1);
+            if (readyCount > 0) return MQB_OK;
+            if (nDelayed == 0) return MQB_ERR_IO;  // an unbounded reap that brought nothing back
+        }
+    }
     for (;;) {
         if (nDelayed > 0) promoteDue();
         if (readyCount > 0) return MQB_OK;
