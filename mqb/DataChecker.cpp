@@ -5,7 +5,6 @@
 #include "KeyedBlock.h"
 #include "MQBErr.h"
 #include "backends/Device.h"
-#include "backends/Queue.h"
 
 namespace mqb {
 
@@ -20,8 +19,6 @@ DataChecker::DataChecker() : recs_(new Pending[kRecs]) {
     free_.reserve(kRecs);
     for (int i = kRecs - 1; i >= 0; --i) free_.push_back(int16_t(i));
 }
-
-DataChecker::~DataChecker() = default;
 
 bool DataChecker::grow(Buf& b, uint64_t bytes) {
     if (b.cap >= bytes) return true;
@@ -139,56 +136,53 @@ uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, 
     return kNone;
 }
 
-// Runs one read-back READ(10) on the checker's own queue to `dev` (opened on
-// first use, again when the device changes) and waits for it. Returns the
-// command's status; MQB_ERR_NO_MEMORY when the device gives no queue.
-int DataChecker::readSync(Device& dev, uint64_t lba, uint32_t n, uint8_t* buf, uint32_t bs) {
-    if (rbDev_ != &dev || !rbQueue_) {
-        rbQueue_.reset();
-        rbDev_ = &dev;
-        rbQueue_ = dev.backend().openQueue(1);
-        if (!rbQueue_) return MQB_ERR_NO_MEMORY;
-    }
-    uint8_t cdb[10] = {scsi::kRead10, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    scsi::putBe32(cdb + 2, uint32_t(lba));
-    scsi::putBe16(cdb + 7, uint16_t(n));
-    Command rc;
-    rc.cdb = cdb;
+bool DataChecker::readBackCommand(Device& dev, const Outcome& out, CmdTicket& tk, Command& rc,
+                                  Outcome*& rcOut) {
+    Pending& p = recs_[tk.rec];
+    if (!(p.flags & Pending::kCheck) || p.opcode == scsi::kRead10 || out.status != MQB_OK) return false;
+    if (p.flags & (Pending::kRacy | Pending::kOverlap)) return false;  // nothing to judge anyway
+    WriteTracker* tr = dev.data().tracker();
+    if (tr && tr->changedSince(p.lba, p.tl, p.gen, 0)) return false;
+    if (!grow(p.rb, uint64_t(p.tl) * p.bs)) return false;  // out of memory: no verdict
+    p.rbCdb[0] = scsi::kRead10;
+    p.rbCdb[1] = 0;
+    scsi::putBe32(p.rbCdb + 2, uint32_t(p.lba));
+    p.rbCdb[6] = 0;
+    scsi::putBe16(p.rbCdb + 7, uint16_t(p.tl));
+    p.rbCdb[9] = 0;
+    rc = Command();
+    rc.cdb = p.rbCdb;
     rc.cdbLen = 10;
     rc.opcode = scsi::kRead10;
-    rc.lba = lba;
-    rc.tl = n;
-    rc.readBuf = buf;
-    rc.readLen = uint64_t(n) * bs;
-    Outcome o;
-    const int sub = rbQueue_->submit(rc, &o, 0);
-    if (sub != MQB_OK) return sub;
-    uint64_t token;
-    const int got = rbQueue_->reap(&token, 1, 1, -1);
-    if (got < 0) {
-        rbQueue_.reset();  // the transport is gone; the next read-back opens anew
-        return got;
-    }
-    return got == 1 ? o.status : MQB_ERR_IO;
+    rc.lba = p.lba;
+    rc.tl = p.tl;
+    rc.readBuf = p.rb.p.get();
+    rc.readLen = uint64_t(p.tl) * p.bs;
+    // Stays a failure unless the read-back completes: a lost transport leaves
+    // the command's own good outcome unjudged.
+    p.rbOut.status = MQB_ERR_IO;
+    p.rbOut.senseLen = 0;
+    p.flags |= Pending::kReadBack;
+    rcOut = &p.rbOut;
+    return true;
 }
 
-uint64_t DataChecker::readBack(Device& dev, const Pending& p, const uint8_t* stamped) {
-    const uint64_t per = kReadBackChunk / p.bs ? kReadBackChunk / p.bs : 1;
-    if (!grow(scratch_, per * p.bs)) return kNone;
-    for (uint64_t done = 0; done < p.tl; done += per) {
-        const uint64_t n = p.tl - done < per ? p.tl - done : per;
-        const uint64_t lba = p.lba + done;
-        if (readSync(dev, lba, uint32_t(n), scratch_.p.get(), p.bs) != MQB_OK)
-            return kNone;  // the medium's own error is not ours to report here
-        if (!stamped) {
-            const uint64_t bad = firstBadBlock(dev.data().journal(), scratch_.p.get(), lba, n, p.bs);
-            if (bad != kNone) return bad;
-            continue;
-        }
-        for (uint64_t b = 0; b < n; ++b)
-            if (std::memcmp(scratch_.p.get() + b * p.bs, stamped + (done + b) * p.bs, p.bs) != 0)
-                return lba + b;
-    }
+void DataChecker::cancelReadBack(CmdTicket& tk) {
+    if (tk.rec >= 0) recs_[tk.rec].flags &= uint8_t(~Pending::kReadBack);
+}
+
+// The first bad LBA of a completed read-back (against the keys and journal,
+// or byte for byte against what a WRITE AND VERIFY stamped), or kNone when
+// all pass or the read-back itself failed (the medium's own error is not ours
+// to report here).
+uint64_t DataChecker::readBackVerdict(Device& dev, const Pending& p) {
+    if (!(p.flags & Pending::kReadBack) || p.rbOut.status != MQB_OK) return kNone;
+    const uint8_t* got = p.rb.p.get();
+    if (p.opcode != scsi::kWriteVerify10)
+        return firstBadBlock(dev.data().journal(), got, p.lba, p.tl, p.bs);
+    const uint8_t* stamped = p.buf.p.get();
+    for (uint64_t b = 0; b < p.tl; ++b)
+        if (std::memcmp(got + b * p.bs, stamped + b * p.bs, p.bs) != 0) return p.lba + b;
     return kNone;
 }
 
@@ -220,7 +214,7 @@ void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
         if (p.opcode == scsi::kRead10) {
             if (!racy) bad = firstBadBlock(dd.journal(), p.buf.p.get(), p.lba, p.tl, p.bs);
         } else if (!racy) {
-            bad = readBack(dev, p, p.opcode == scsi::kWriteVerify10 ? p.buf.p.get() : nullptr);
+            bad = readBackVerdict(dev, p);
         }
     }
     if (p.opcode == scsi::kRead10 && p.userBuf) {

@@ -11,8 +11,9 @@
 //  - READ: the read goes into a channel buffer, checked at completion, then
 //    copied to the caller's buffer.
 //  - VERIFY and WRITE AND VERIFY: after the device completed the command
-//    well, the checker reads the blocks back (in chunks, through a queue of
-//    its own to the device, waiting for each) and checks them; for WRITE AND VERIFY the read-back must equal
+//    well, the channel sends a READ(10) of its blocks into a checker buffer
+//    to the same queue (readBackCommand) and completes the command once that
+//    is back; the checker checks the blocks then; for WRITE AND VERIFY the read-back must equal
 //    the stamped data byte for byte.
 //  - A backend that gives back no data (a simulated disk without a store) is
 //    not checked at all.
@@ -31,13 +32,11 @@
 
 namespace mqb {
 
-class Queue;
 class WriteJournal;
 
 class DataChecker {
 public:
     DataChecker();
-    ~DataChecker();
     DataChecker(const DataChecker&) = delete;
     DataChecker& operator=(const DataChecker&) = delete;
 
@@ -59,6 +58,16 @@ public:
     // The command never reached the device (refused send) or was dropped in
     // flight: undoes onSend's bookkeeping; the journal is left alone.
     void onDrop(Device& dev, CmdTicket& tk);
+    // When a VERIFY or WRITE AND VERIFY the checker follows has completed
+    // well at the device (`out`), and its blocks are to be judged: fills `rc`
+    // with a READ(10) of them into a buffer of the checker's and `rcOut` with
+    // where its outcome goes, and returns true. The channel sends `rc` to the
+    // same queue and calls onComplete once it is back. False when there is
+    // nothing to read back.
+    bool readBackCommand(Device& dev, const Outcome& out, CmdTicket& tk, Command& rc,
+                         Outcome*& rcOut);
+    // The read-back could not be queued: the command completes unjudged.
+    void cancelReadBack(CmdTicket& tk);
     // At completion: updates the journal for a write, checks the data of a
     // reader, and turns a good `out` into MISCOMPARE when a block is bad.
     void onComplete(Device& dev, Outcome& out, CmdTicket& tk) {
@@ -90,6 +99,7 @@ private:
             kOverlap = 4,  // another write over its blocks was in flight at send
             kCheck = 8,    // read back and check its blocks at completion
             kRacy = 16,    // a write over its blocks was in flight at send
+            kReadBack = 32,  // its blocks were read back into `rb`, into `rbOut`
         };
         Buf      buf;               // keyed write data or read data, grown on demand
         uint64_t lba = 0, gen = 0, seq = 0;
@@ -97,27 +107,21 @@ private:
         uint64_t userLen = 0;
         uint32_t tl = 0, bs = 0;
         uint8_t  opcode = 0, flags = 0;
+        Buf      rb;                // read-back of a VERIFY or WRITE AND VERIFY
+        Outcome  rbOut;
+        uint8_t  rbCdb[10] = {};
     };
     static constexpr int kRecs = 256;          // at most one per command in flight
-    static constexpr uint64_t kReadBackChunk = 256 * 1024;
 
     static bool grow(Buf& b, uint64_t bytes);  // page-aligned, at least `bytes`; false when out of memory
     void release(CmdTicket& tk);
     const uint8_t* generated(uint64_t bytes);
-    int readSync(Device& dev, uint64_t lba, uint32_t n, uint8_t* buf, uint32_t bs);
-    // Reads blocks back through the checker's own queue, chunk by chunk, and returns the
-    // first bad LBA per `stamped` (nullptr: check keys; else compare bytes),
-    // UINT64_MAX when all pass or the read-back itself failed.
-    uint64_t readBack(Device& dev, const Pending& p, const uint8_t* stamped);
+    uint64_t readBackVerdict(Device& dev, const Pending& p);
 
     std::unique_ptr<Pending[]> recs_;
     std::vector<int16_t> free_;
     Buf gen_;                   // generated write data, filled once per growth
     std::vector<Buf> retired_;  // outgrown generated buffers writes may still use
-    Buf scratch_;               // read-back chunks
-    // The read-back's own queue, to the device it was opened on.
-    Device* rbDev_ = nullptr;
-    std::unique_ptr<Queue> rbQueue_;
 };
 
 }  // namespace mqb

@@ -12,7 +12,9 @@
 // buffers for its own (generated or keyed write data, a read to be checked)
 // and the recorder stamps the time; as a completion leaves the queue the
 // recorder takes its latency and the checker checks what came back, which may
-// turn a good completion into MISCOMPARE. A command a delay fault rule picked
+// turn a good completion into MISCOMPARE. A VERIFY or WRITE AND VERIFY the
+// checker judges goes back into the same queue as a READ of its blocks into
+// the checker's buffer, and completes when that is back. A command a delay fault rule picked
 // is held back by the channel until its extra time has passed, whatever the
 // transport.
 #include "MQB.h"
@@ -72,6 +74,7 @@ struct Slot {
     uint8_t      cdbLen;
     uint8_t      cdb[16];
     bool         used;      // between an accepted send and its receive
+    bool         readBack;  // in the queue again: the data checker's read-back
     mqb::CmdTicket tk;      // the data checker's and latency recorder's state
     uint64_t     holdUntil; // steady-clock ns a delayed completion is held to
     mqb::Outcome out;
@@ -192,9 +195,25 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
         return;
     }
     uint64_t now = 0;
+    int again = 0;  // read-backs sent to the same queue
     for (int i = 0; i < n; ++i) {
         Slot& s = slots[tokens[i]];
         s.lane = nullptr;
+        if (s.tk.rec >= 0 && !s.readBack) {
+            // A VERIFY or WRITE AND VERIFY under keyed compare goes back to
+            // the device for its blocks before it counts as done.
+            mqb::Command rc;
+            mqb::Outcome* rcOut = nullptr;
+            if (data.readBackCommand(*s.dev, s.out, s.tk, rc, rcOut)) {
+                if (l.queue->submit(rc, rcOut, tokens[i]) == MQB_OK) {
+                    s.lane = &l;
+                    s.readBack = true;
+                    ++again;
+                    continue;
+                }
+                data.cancelReadBack(s.tk);
+            }
+        }
         if (s.tk.delayUs == 0) {
             complete(int(tokens[i]));
             continue;
@@ -207,6 +226,9 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
     l.atDevice -= n;
     inQueues -= n;
     l.device->leave(*l.counters, uint64_t(n));
+    l.uncommitted += again;
+    uncommitted += again;
+    inQueues += again;
 }
 
 // The lane's transport can no longer be waited on: every command it holds
@@ -216,8 +238,10 @@ void MQB::Impl::failLane(Lane& l, int status) {
         Slot& s = slots[i];
         if (s.lane != &l) continue;
         s.lane = nullptr;
-        s.out.status = status;
-        s.out.senseLen = 0;
+        if (!s.readBack) {  // a read-back's command itself completed well
+            s.out.status = status;
+            s.out.senseLen = 0;
+        }
         complete(i);
         --inQueues;
     }
@@ -259,7 +283,10 @@ int MQB::Impl::collect() {
         for (auto& l : lanes)
             if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
         if (nBusy == 1) {
-            reapLane(*busy, 1, -1);
+            // Loops only while read-backs went back to the queue.
+            do {
+                reapLane(*busy, 1, -1);
+            } while (readyCount == 0 && nDelayed == 0 && busy->atDevice + busy->uncommitted > 0);
             if (readyCount > 0) return MQB_OK;
             if (nDelayed == 0) return MQB_ERR_IO;  // an unbounded reap that brought nothing back
         }
@@ -283,7 +310,8 @@ int MQB::Impl::collect() {
         }
         if (nBusy == 1) {
             reapLane(*busy, 1, wait);
-            if (wait < 0 && readyCount == 0 && nDelayed == 0)
+            if (wait < 0 && readyCount == 0 && nDelayed == 0 &&
+                busy->atDevice + busy->uncommitted == 0)
                 return MQB_ERR_IO;  // an unbounded reap that brought nothing back
             continue;
         }
@@ -451,6 +479,7 @@ int MQB::send(unsigned char* record) {
     s.dev = d;
     s.lane = nullptr;
     s.fromQueue = false;
+    s.readBack = false;
 
     mqb::Command c;
     c.cdb = s.cdb;
