@@ -226,9 +226,11 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
     l.atDevice -= n;
     inQueues -= n;
     l.device->leave(*l.counters, uint64_t(n));
-    l.uncommitted += again;
-    uncommitted += again;
-    inQueues += again;
+    if (again > 0) {  // rarely: keeps the usual path free of these stores and loads
+        l.uncommitted += again;
+        uncommitted += again;
+        inQueues += again;
+    }
 }
 
 // The lane's transport can no longer be waited on: every command it holds
