@@ -10,6 +10,7 @@
 #include <tcl.h>
 #include <unistd.h>
 
+#include "DataControl.h"
 #include "DeviceTable.h"
 #include "KIVControl.h"
 #include "KIVLoop.h"
@@ -58,11 +59,14 @@ struct QuietStdout {
     }
 };
 
-// One run per iteration: random 4 KiB reads, `ops` commands at depth `qd`.
+// One run per iteration: random 4 KiB reads, `ops` commands at depth `qd`;
+// the third argument turns latency recording on (two clock reads and a
+// histogram update per command).
 void BM_LoopRandomRead(benchmark::State& state) {
     const int qd = (int)state.range(0);
     const int ops = (int)state.range(1);
     Rig& r = rig();
+    mqb::latencyEnable(r.dev, state.range(2) != 0);
     uint64_t commands = 0;
     for (auto _ : state) {
         state.PauseTiming();
@@ -94,8 +98,10 @@ void BM_LoopRandomRead(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_LoopRandomRead)
-    ->Args({1, 2000000})
-    ->Args({32, 2000000})
+    ->Args({1, 2000000, 0})
+    ->Args({32, 2000000, 0})
+    ->Args({1, 2000000, 1})
+    ->Args({32, 2000000, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MinTime(2.0);

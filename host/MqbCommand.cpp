@@ -5,6 +5,7 @@
 #include "MqbCommand.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "DataControl.h"
 #include "DeviceTable.h"
 #include "KivHost.h"
 #include "MQB.h"
@@ -155,6 +157,7 @@ int cmdInfo(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "locked", Tcl_NewBooleanObj(s.locked));
     dictPut(interp, d, "backend", Tcl_NewStringObj(s.backend.c_str(), -1));
     dictPut(interp, d, "direct", Tcl_NewIntObj(s.direct ? 1 : 0));
+    dictPut(interp, d, "journal", Tcl_NewBooleanObj(s.journal));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
 }
@@ -283,14 +286,14 @@ int cmdBufferIndex(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const o
 }
 
 const char* const kOpNames[] = {"read", "write", "wrv", "verify", "any", nullptr};
-const char* const kKindNames[] = {"check", "timeout", "refuse", "status"};
+const char* const kKindNames[] = {"check", "timeout", "refuse", "status", "delay"};
 
 // Reads the options of `fault IDX add` (from objv[4]) into `rule`.
 int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::FaultRule& rule) {
     static const char* const opts[] = {"-op", "-lba", "-every", "-count", "-status",
-                                       "-sense", "-uec", "-info", "-senselen", nullptr};
-    enum { OP, LBA, EVERY, COUNT, STATUS, SENSE, UEC, INFO, SENSELEN };
-    bool haveStatus = false;
+                                       "-sense", "-uec", "-info", "-senselen", "-delay", nullptr};
+    enum { OP, LBA, EVERY, COUNT, STATUS, SENSE, UEC, INFO, SENSELEN, DELAY };
+    bool haveStatus = false, haveDelay = false;
     for (int i = 4; i < objc; i += 2) {
         int opt;
         if (Tcl_GetIndexFromObj(interp, objv[i], opts, "option", 0, &opt) != TCL_OK) return TCL_ERROR;
@@ -323,15 +326,15 @@ int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::Fau
             break;
         }
         case STATUS: {
-            static const char* const kinds[] = {"check", "timeout", "refuse", nullptr};
+            static const char* const kinds[] = {"check", "timeout", "refuse", "delay", nullptr};
             int k;
             if (Tcl_GetIndexFromObj(nullptr, v, kinds, "-status", 0, &k) == TCL_OK) {
-                rule.kind = mqb::FaultRule::Kind(k);
+                rule.kind = k == 3 ? mqb::FaultRule::Kind::Delay : mqb::FaultRule::Kind(k);
             } else {
                 int code;
                 if (Tcl_GetIntFromObj(nullptr, v, &code) != TCL_OK || code >= 0)
                     return fail(interp, std::string("bad -status \"") + text +
-                                            "\": must be check, timeout, refuse or a negative status code");
+                                            "\": must be check, timeout, refuse, delay or a negative status code");
                 rule.kind = mqb::FaultRule::Kind::Status;
                 rule.status = code;
             }
@@ -373,9 +376,18 @@ int parseFaultRule(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], mqb::Fau
             rule.senseLen = uint8_t(n);
             break;
         }
+        case DELAY: {
+            Tcl_WideInt n;
+            if (getCount(interp, v, "-delay", 100000000, n) != TCL_OK) return TCL_ERROR;
+            rule.delayUs = uint32_t(n);
+            haveDelay = true;
+            break;
+        }
         }
     }
-    if (!haveStatus) return fail(interp, "missing -status: must be check, timeout, refuse or CODE");
+    if (haveDelay != (haveStatus && rule.kind == mqb::FaultRule::Kind::Delay))
+        return fail(interp, "-status delay and -delay US go together");
+    if (!haveStatus) return fail(interp, "missing -status: must be check, timeout, refuse, delay or CODE");
     return TCL_OK;
 }
 
@@ -393,6 +405,7 @@ Tcl_Obj* describeRule(Tcl_Interp* interp, const mqb::FaultRule& r) {
         dictPut(interp, d, "status", Tcl_NewIntObj(r.status));
     else
         dictPut(interp, d, "status", Tcl_NewStringObj(kKindNames[int(r.kind)], -1));
+    if (r.kind == mqb::FaultRule::Kind::Delay) dictPut(interp, d, "delay", Tcl_NewWideIntObj(r.delayUs));
     std::snprintf(buf, sizeof buf, "%02x %02x %02x", r.key, r.asc, r.ascq);
     dictPut(interp, d, "sense", Tcl_NewStringObj(buf, -1));
     if (r.hasUec) {
@@ -460,6 +473,7 @@ int cmdStats(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "max_queue_depth", Tcl_NewIntObj(s.maxQueueDepth));
     dictPut(interp, d, "fast_reads", Tcl_NewBooleanObj(s.fastReads));
     dictPut(interp, d, "data_mode", Tcl_NewIntObj(s.dataMode));
+    dictPut(interp, d, "miscompares", wideObj(s.miscompares));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
 }
@@ -528,6 +542,85 @@ int cmdClone(KivHost* host, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[])
     return TCL_OK;
 }
 
+// --- latency figures and the write journal ---
+
+// Microseconds to one decimal place.
+Tcl_Obj* usObj(double v) { return Tcl_NewDoubleObj(std::round(v * 10.0) / 10.0); }
+
+// mqb latency IDX ?on|off|-reset|-buckets?: the percentiles of each command
+// kind, a new interval, the raw histogram, or recording on / off (returns
+// whether it now records).
+int cmdLatency(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    static const char* const subs[] = {"on", "off", "-reset", "-buckets", nullptr};
+    enum { ON, OFF, RESET, BUCKETS, FIGURES };
+    if (objc != 3 && objc != 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX ?on|off|-reset|-buckets?"); return TCL_ERROR; }
+    int idx;
+    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    int which = FIGURES;
+    if (objc == 4 && Tcl_GetIndexFromObj(interp, objv[3], subs, "latency option", 0, &which) != TCL_OK)
+        return TCL_ERROR;
+    switch (which) {
+    case ON:
+    case OFF: {
+        mqb::latencyEnable(idx, which == ON);
+        Tcl_SetObjResult(interp, Tcl_NewBooleanObj(which == ON));
+        return TCL_OK;
+    }
+    case RESET:
+        mqb::latencyReset(idx);
+        Tcl_ResetResult(interp);
+        return TCL_OK;
+    }
+    Tcl_Obj* d = Tcl_NewDictObj();
+    for (int k = 0; k < mqb::kLatencyKinds; ++k) {
+        Tcl_Obj* v;
+        if (which == BUCKETS) {
+            std::vector<mqb::LatencyBucket> bs;
+            mqb::latencyBuckets(idx, k, bs);
+            v = Tcl_NewListObj(0, nullptr);
+            for (const auto& b : bs) {
+                Tcl_Obj* pair[2] = {Tcl_NewDoubleObj(b.lowUs), wideObj(b.count)};
+                Tcl_ListObjAppendElement(interp, v, Tcl_NewListObj(2, pair));
+            }
+        } else {
+            mqb::LatencyFigures f;
+            mqb::latencyFigures(idx, k, f);
+            v = Tcl_NewDictObj();
+            dictPut(interp, v, "count", wideObj(f.count));
+            dictPut(interp, v, "min_us", usObj(f.min));
+            dictPut(interp, v, "mean_us", usObj(f.mean));
+            dictPut(interp, v, "p50_us", usObj(f.p50));
+            dictPut(interp, v, "p90_us", usObj(f.p90));
+            dictPut(interp, v, "p99_us", usObj(f.p99));
+            dictPut(interp, v, "p99.9_us", usObj(f.p999));
+            dictPut(interp, v, "p99.99_us", usObj(f.p9999));
+            dictPut(interp, v, "max_us", usObj(f.max));
+        }
+        dictPut(interp, d, mqb::kLatencyKindNames[k], v);
+    }
+    Tcl_SetObjResult(interp, d);
+    return TCL_OK;
+}
+
+// mqb journal IDX save|load FILE: the device's lost-write journal to or
+// from a file.
+int cmdJournal(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    static const char* const subs[] = {"save", "load", nullptr};
+    if (objc != 5) { Tcl_WrongNumArgs(interp, 2, objv, "IDX save|load FILE"); return TCL_ERROR; }
+    int idx, which;
+    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    if (Tcl_GetIndexFromObj(interp, objv[3], subs, "journal subcommand", 0, &which) != TCL_OK)
+        return TCL_ERROR;
+    std::string err;
+    const std::string path = Tcl_GetString(objv[4]);
+    const bool ok = which == 0 ? mqb::journalSave(idx, path, err) : mqb::journalLoad(idx, path, err);
+    if (!ok)
+        return fail(interp, std::string("cannot ") + subs[which] + " the journal of device " +
+                                std::to_string(idx) + ": " + err);
+    Tcl_ResetResult(interp);
+    return TCL_OK;
+}
+
 int cmdVersion(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 2) { Tcl_WrongNumArgs(interp, 2, objv, nullptr); return TCL_ERROR; }
     Tcl_SetObjResult(interp, Tcl_NewStringObj(KIV_VERSION, -1));
@@ -541,11 +634,11 @@ namespace {
 // Dispatches one mqb subcommand (see mqbObjCmd).
 int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static const char* const subs[] = {"add", "buffer", "clone", "close", "current", "devices",
-                                       "driver", "fault", "info", "lock", "open", "recvbuffer",
-                                       "reset", "select", "sendbuffer", "stats", "trace", "version",
-                                       nullptr};
-    enum { ADD, BUFFER, CLONE, CLOSE, CURRENT, DEVICES, DRIVER, FAULT, INFO, LOCK, OPEN,
-           RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
+                                       "driver", "fault", "info", "journal", "latency", "lock",
+                                       "open", "recvbuffer", "reset", "select", "sendbuffer",
+                                       "stats", "trace", "version", nullptr};
+    enum { ADD, BUFFER, CLONE, CLOSE, CURRENT, DEVICES, DRIVER, FAULT, INFO, JOURNAL, LATENCY,
+           LOCK, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
     auto* host = static_cast<KivHost*>(clientData);
     if (objc < 2) { Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?"); return TCL_ERROR; }
     int which;
@@ -561,6 +654,8 @@ int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* co
     case DRIVER:     return cmdDriver(host, interp, objc, objv);
     case FAULT:      return cmdFault(interp, objc, objv);
     case INFO:       return cmdInfo(interp, objc, objv);
+    case JOURNAL:    return cmdJournal(interp, objc, objv);
+    case LATENCY:    return cmdLatency(interp, objc, objv);
     case LOCK:       return cmdLock(interp, objc, objv);
     case OPEN:       return cmdOpen(host, interp, objc, objv);
     case RECVBUFFER: return cmdBufferIndex(host, interp, objc, objv, false);

@@ -1,6 +1,8 @@
 // DeviceTable.cpp: the process-wide device table: adding devices from spec
 // texts and the host's controls over them (lock, faults, counters, trace).
 #include "DeviceTable.h"
+#include <cerrno>
+#include <cstdlib>
 #include <mutex>
 #include "backends/Device.h"
 #include "backends/FileDisk.h"
@@ -26,18 +28,66 @@ Table& table() {
     return t;
 }
 
+// The keys every device spec takes, whatever its backend, and what the
+// device's data-verification state needs to know about the backend.
+struct CommonKeys {
+    uint64_t journalMax = DeviceData::kDefaultJournalMax;
+    bool     carriesData = true;   // reads give back what was written
+    bool     recordLatency = true;
+};
+
+// Takes the common "journalmax=BYTES" item out of a comma-separated spec
+// tail, so the backend parsers never see it. False with `err` on a bad value.
+bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
+    static const std::string kKey = "journalmax=";
+    std::string rest;
+    bool first = true;
+    size_t pos = 0;
+    for (;;) {
+        size_t comma = params.find(',', pos);
+        const bool last = comma == std::string::npos;
+        if (last) comma = params.size();
+        const std::string item = params.substr(pos, comma - pos);
+        pos = comma + 1;
+        if (item.compare(0, kKey.size(), kKey) == 0) {
+            const std::string text = item.substr(kKey.size());
+            errno = 0;
+            char* end = nullptr;
+            const unsigned long long v = std::strtoull(text.c_str(), &end, 0);
+            if (text.empty() || text[0] == '-' || errno != 0 || *end != '\0') {
+                err = "bad value \"" + text + "\" for device spec key \"journalmax\"";
+                return false;
+            }
+            keys.journalMax = v;
+        } else {
+            // Everything else goes on unchanged, commas and all (a path may hold them).
+            rest += first ? item : "," + item;
+            first = false;
+        }
+        if (last) break;
+    }
+    params = rest;
+    return true;
+}
+
 // Builds the backend a spec names; null with `err` set when it cannot.
-std::unique_ptr<Backend> makeBackend(const std::string& spec, std::string& err) {
+std::unique_ptr<Backend> makeBackend(const std::string& spec, CommonKeys& keys, std::string& err) {
     if (spec.empty()) {
         err = "empty device spec";
         return nullptr;
     }
     const size_t colon = spec.find(':');
     const std::string type = spec.substr(0, colon);
-    const std::string params = colon == std::string::npos ? "" : spec.substr(colon + 1);
+    std::string params = colon == std::string::npos ? "" : spec.substr(colon + 1);
+    if (!stripCommonKeys(params, keys, err)) return nullptr;
     if (type == "sim") {
         SimConfig cfg;
         if (!parseSimConfig(params, cfg, err)) return nullptr;
+        // Without a store a simulated disk gives no data back to check, and
+        // at zero latency it records none unless asked (`mqb latency on`),
+        // so the loop benchmark reads no clock per command.
+        keys.carriesData = cfg.store;
+        keys.recordLatency = cfg.latencyUs != 0;
         return std::make_unique<SimDisk>(cfg);
     }
     if (type == "file") return FileDisk::open(params, err);
@@ -57,9 +107,11 @@ Device* deviceAt(int idx) {
 }
 
 int addDevice(const std::string& spec, std::string& err) {
-    std::unique_ptr<Backend> be = makeBackend(spec, err);
+    CommonKeys keys;
+    std::unique_ptr<Backend> be = makeBackend(spec, keys, err);
     if (!be) return -1;
     auto dev = std::make_unique<Device>(spec, std::move(be));
+    dev->data().configure(keys.journalMax, keys.carriesData, keys.recordLatency);
     Table& t = table();
     std::lock_guard<std::mutex> g(t.lock);
     t.devices.push_back(std::move(dev));
@@ -82,6 +134,7 @@ bool deviceSummary(int idx, DeviceSummary& out) {
     out.blockSize = geo.blockSize;
     out.locked = d->locked();
     out.direct = d->backend().direct();
+    out.journal = d->data().carriesData() && d->data().journalAllowed(geo.blocks);
     return true;
 }
 

@@ -16,7 +16,7 @@ namespace mqb {
 // at most `count` times (0 = no limit).
 struct FaultRule {
     enum class Op { Read, Write, Wrv, Verify, Any };
-    enum class Kind { Check, Timeout, Refuse, Status };
+    enum class Kind { Check, Timeout, Refuse, Status, Delay };
     int      id = 0;                 // assigned by addFault
     Op       op = Op::Any;
     uint64_t lbaLo = 0;
@@ -26,8 +26,10 @@ struct FaultRule {
     Kind     kind = Kind::Check;     // Check: CHECK CONDITION at completion with the
                                      // sense below; Timeout: completes with -14;
                                      // Refuse: send returns -16, sense via errInfo;
-                                     // Status: completes with `status`, no sense
+                                     // Status: completes with `status`, no sense;
+                                     // Delay: completes normally `delayUs` later
     int      status = 0;             // for Kind::Status, a negative code
+    uint32_t delayUs = 0;            // for Kind::Delay
     uint8_t  key = 0x03, asc = 0x11, ascq = 0x00;
     bool     hasUec = false;         // a UEC was given (it is 0 otherwise)
     uint16_t uec = 0;                // vendor code in bytes 20-21 of 32-byte sense
@@ -46,6 +48,7 @@ struct DeviceStats {
     int      maxQueueDepth = 0;      // last ioctl 106 value
     bool     fastReads = false;      // last ioctl 119 state
     int      dataMode = 0;           // last ioctl 118 mode
+    uint64_t miscompares = 0;        // commands failed by the keyed data check
 };
 
 // One command as the device received it (arrival order).
@@ -63,6 +66,7 @@ struct DeviceSummary {
     uint32_t    blockSize = 0;
     bool        locked = false;
     bool        direct = false;      // data bypasses the page cache (file: with O_DIRECT)
+    bool        journal = false;     // small enough for a lost-write journal
 };
 
 // Adds a device from a spec text ("sim", "sim:blocks=1000,bs=4096", ...).

@@ -6,14 +6,28 @@
 // device in one commit; receive() takes completions from the queue in
 // batches and gives them out one at a time, in the order the device finished
 // them. The channel knows no transport.
+//
+// Around the queue sit the channel's data checker and latency recorder: at
+// send, before the device's front, the checker may swap the command's data
+// buffers for its own (generated or keyed write data, a read to be checked)
+// and the recorder stamps the time; as a completion leaves the queue the
+// recorder takes its latency and the checker checks what came back, which may
+// turn a good completion into MISCOMPARE. A VERIFY or WRITE AND VERIFY the
+// checker judges goes back into the same queue as a READ of its blocks into
+// the checker's buffer, and completes when that is back. A command a delay fault rule picked
+// is held back by the channel until its extra time has passed, whatever the
+// transport.
 #include "MQB.h"
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <vector>
+#include "DataChecker.h"
 #include "DeviceTable.h"
+#include "LatencyRecorder.h"
 #include "MQBErr.h"
 #include "Scsi.h"
+#include "SteadyClock.h"
 #include "backends/Device.h"
 #include "backends/Queue.h"
 
@@ -59,6 +73,10 @@ struct Slot {
     uint8_t      opcode;
     uint8_t      cdbLen;
     uint8_t      cdb[16];
+    bool         used;      // between an accepted send and its receive
+    bool         readBack;  // in the queue again: the data checker's read-back
+    mqb::CmdTicket tk;      // the data checker's and latency recorder's state
+    uint64_t     holdUntil; // steady-clock ns a delayed completion is held to
     mqb::Outcome out;
 };
 
@@ -91,6 +109,13 @@ struct MQB::Impl {
     int  inQueues = 0, uncommitted = 0;
     std::vector<std::unique_ptr<Lane>> lanes;  // one per device used, few
     uint64_t tokens[kQueueCap];
+    // Completions a delay fault holds back, in no order (few at once).
+    int  delayed[kQueueCap];
+    int  nDelayed = 0;
+
+    // Keyed / generated data and latency recording of this channel.
+    mqb::DataChecker     data;
+    mqb::LatencyRecorder lat;
 
     // The last completion received and the last failure's sense.
     bool     haveLast = false;
@@ -101,13 +126,26 @@ struct MQB::Impl {
     uint8_t  sense[mqb::kMaxSense] = {};
 
     explicit Impl(const std::string& d) : driver(d) {
-        for (int i = 0; i < kQueueCap; ++i) freeSlots[i] = kQueueCap - 1 - i;
+        for (int i = 0; i < kQueueCap; ++i) {
+            freeSlots[i] = kQueueCap - 1 - i;
+            slots[i].used = false;
+        }
     }
 
     void pushReady(int slot) {
         ready[(readyHead + readyCount) & (kQueueCap - 1)] = slot;
         ++readyCount;
     }
+    // A command is done at the device: its latency is recorded, its data
+    // checked (which may change its outcome) and it is ready to be received.
+    void complete(int idx) {
+        Slot& s = slots[idx];
+        lat.onComplete(s.dev, s.opcode, s.tk);
+        data.onComplete(*s.dev, s.out, s.tk);
+        pushReady(idx);
+    }
+    void promoteDue();
+    uint64_t earliestHold() const;
     Lane* laneOf(mqb::Device* d);
     void commitAll();
     int  collect();
@@ -156,13 +194,43 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
         failLane(l, n);
         return;
     }
+    uint64_t now = 0;
+    int again = 0;  // read-backs sent to the same queue
     for (int i = 0; i < n; ++i) {
-        slots[tokens[i]].lane = nullptr;
-        pushReady(int(tokens[i]));
+        Slot& s = slots[tokens[i]];
+        s.lane = nullptr;
+        if (s.tk.rec >= 0 && !s.readBack) {
+            // A VERIFY or WRITE AND VERIFY under keyed compare goes back to
+            // the device for its blocks before it counts as done.
+            mqb::Command rc;
+            mqb::Outcome* rcOut = nullptr;
+            if (data.readBackCommand(*s.dev, s.out, s.tk, rc, rcOut)) {
+                if (l.queue->submit(rc, rcOut, tokens[i]) == MQB_OK) {
+                    s.lane = &l;
+                    s.readBack = true;
+                    ++again;
+                    continue;
+                }
+                data.cancelReadBack(s.tk);
+            }
+        }
+        if (s.tk.delayUs == 0) {
+            complete(int(tokens[i]));
+            continue;
+        }
+        // A delay fault rule picked it: held from now for the rule's time.
+        if (now == 0) now = mqb::steadyNs();
+        s.holdUntil = now + uint64_t(s.tk.delayUs) * 1000;
+        delayed[nDelayed++] = int(tokens[i]);
     }
     l.atDevice -= n;
     inQueues -= n;
     l.device->leave(*l.counters, uint64_t(n));
+    if (again > 0) {  // rarely: keeps the usual path free of these stores and loads
+        l.uncommitted += again;
+        uncommitted += again;
+        inQueues += again;
+    }
 }
 
 // The lane's transport can no longer be waited on: every command it holds
@@ -172,9 +240,11 @@ void MQB::Impl::failLane(Lane& l, int status) {
         Slot& s = slots[i];
         if (s.lane != &l) continue;
         s.lane = nullptr;
-        s.out.status = status;
-        s.out.senseLen = 0;
-        pushReady(i);
+        if (!s.readBack) {  // a read-back's command itself completed well
+            s.out.status = status;
+            s.out.senseLen = 0;
+        }
+        complete(i);
         --inQueues;
     }
     l.device->leave(*l.counters, uint64_t(l.atDevice));
@@ -182,44 +252,98 @@ void MQB::Impl::failLane(Lane& l, int status) {
     l.atDevice = l.uncommitted = 0;
 }
 
-// Fills the ready ring from the queues, waiting for at least one completion.
-// With one device busy this is one reap that blocks; with several, each is
-// looked at in turn and waited on briefly.
-int MQB::Impl::collect() {
-    Lane* busy = nullptr;
-    int nBusy = 0;
-    for (auto& l : lanes)
-        if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
-    if (nBusy == 1) {
-        reapLane(*busy, 1, -1);
-        return readyCount > 0 ? MQB_OK : MQB_ERR_IO;
-    }
-    while (readyCount == 0 && nBusy > 0) {
-        for (auto& l : lanes)
-            if (l->atDevice + l->uncommitted > 0) reapLane(*l, 0, 0);
-        if (readyCount > 0) break;
-        nBusy = 0;
-        for (auto& l : lanes) {
-            if (l->atDevice + l->uncommitted == 0) continue;
-            ++nBusy;
-            reapLane(*l, 1, kPollNs);
-            if (readyCount > 0) break;
+// Moves every held completion whose time has come to the ready ring.
+void MQB::Impl::promoteDue() {
+    const uint64_t now = mqb::steadyNs();
+    for (int i = 0; i < nDelayed;) {
+        if (slots[delayed[i]].holdUntil <= now) {
+            complete(delayed[i]);
+            delayed[i] = delayed[--nDelayed];
+        } else {
+            ++i;
         }
     }
-    return readyCount > 0 ? MQB_OK : MQB_ERR_IO;
+}
+
+// The time the first held completion is due (steady-clock ns); nDelayed > 0.
+uint64_t MQB::Impl::earliestHold() const {
+    uint64_t t = UINT64_MAX;
+    for (int i = 0; i < nDelayed; ++i)
+        if (slots[delayed[i]].holdUntil < t) t = slots[delayed[i]].holdUntil;
+    return t;
+}
+
+// Fills the ready ring from the queues and the held completions, waiting for
+// at least one. With one device busy this is one reap that blocks (until the
+// first held completion is due, when there is one); with several, each is
+// looked at in turn and waited on briefly.
+int MQB::Impl::collect() {
+    if (nDelayed == 0) {
+        // The usual case, one device busy and nothing held: one blocking reap.
+        Lane* busy = nullptr;
+        int nBusy = 0;
+        for (auto& l : lanes)
+            if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
+        if (nBusy == 1) {
+            // Loops only while read-backs went back to the queue.
+            do {
+                reapLane(*busy, 1, -1);
+            } while (readyCount == 0 && nDelayed == 0 && busy->atDevice + busy->uncommitted > 0);
+            if (readyCount > 0) return MQB_OK;
+            if (nDelayed == 0) return MQB_ERR_IO;  // an unbounded reap that brought nothing back
+        }
+    }
+    for (;;) {
+        if (nDelayed > 0) promoteDue();
+        if (readyCount > 0) return MQB_OK;
+        int64_t wait = -1;  // how long a reap may block: until the next hold ends
+        if (nDelayed > 0) {
+            const uint64_t due = earliestHold(), now = mqb::steadyNs();
+            wait = due > now ? int64_t(due - now) : 0;
+        }
+        Lane* busy = nullptr;
+        int nBusy = 0;
+        for (auto& l : lanes)
+            if (l->atDevice + l->uncommitted > 0) busy = l.get(), ++nBusy;
+        if (nBusy == 0) {
+            if (nDelayed == 0) return MQB_ERR_IO;
+            mqb::sleepUntilNs(earliestHold());
+            continue;
+        }
+        if (nBusy == 1) {
+            reapLane(*busy, 1, wait);
+            if (wait < 0 && readyCount == 0 && nDelayed == 0 &&
+                busy->atDevice + busy->uncommitted == 0)
+                return MQB_ERR_IO;  // an unbounded reap that brought nothing back
+            continue;
+        }
+        for (auto& l : lanes)
+            if (l->atDevice + l->uncommitted > 0) reapLane(*l, 0, 0);
+        if (readyCount > 0) continue;
+        const int64_t poll = wait >= 0 && wait < kPollNs ? wait : kPollNs;
+        for (auto& l : lanes) {
+            if (l->atDevice + l->uncommitted == 0) continue;
+            reapLane(*l, 1, poll);
+            if (readyCount > 0 || nDelayed > 0) break;
+        }
+    }
 }
 
 MQB::MQB(const std::string& driver) : impl_(std::make_unique<Impl>(driver)) {}
 
 // Commands still in flight are dropped: the devices only need to know they
 // are no longer outstanding. Each queue waits, as it closes, until its
-// transport is done with the callers' buffers.
+// transport is done with the callers' buffers and the data checker's; then
+// the checker forgets every command it still followed.
 MQB::~MQB() {
-    for (auto& l : impl_->lanes) {
+    Impl& m = *impl_;
+    for (auto& l : m.lanes) {
         l->device->leave(*l->counters, uint64_t(l->atDevice));
         l->queue.reset();  // done with the callers' buffers before the counters go back
         l->device->detachChannel(l->counters);
     }
+    for (Slot& s : m.slots)
+        if (s.used) m.data.onDrop(*s.dev, s.tk);
 }
 
 // A device that does not exist is not locked: the caller finds out when it
@@ -279,6 +403,7 @@ int MQB::ioctl(int code, int count, ...) {
         if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
         m.dev->noteDataMode(*mode);
+        m.dev->data().setMode(*mode, m.dev->backend().geometry());
         break;
     }
     default:
@@ -309,6 +434,7 @@ int MQB::setDeviceIndex(int deviceIdx) {
     m.dev = d;
     m.devIdx = deviceIdx;
     m.lane = nullptr;  // found or opened by the next send
+    m.lat.attach(d);   // record latency into this device's histograms
     return MQB_OK;
 }
 
@@ -355,6 +481,7 @@ int MQB::send(unsigned char* record) {
     s.dev = d;
     s.lane = nullptr;
     s.fromQueue = false;
+    s.readBack = false;
 
     mqb::Command c;
     c.cdb = s.cdb;
@@ -372,14 +499,21 @@ int MQB::send(unsigned char* record) {
     Lane* l = m.lane;
     if (!l && !(l = m.lane = m.laneOf(d))) return MQB_ERR_NO_MEMORY;
     s.counters = l->counters;
-    switch (d->admit(c, s.tag, s.out, *l->counters)) {
+    // The send time, then generated or keyed write data in the checker's
+    // buffers, or a buffer of its own for a read it will check.
+    s.tk.delayUs = 0;
+    m.lat.onSend(d->data(), s.tk);
+    m.data.onSend(*d, c, s.tk);
+    switch (d->admit(c, s.tag, s.out, *l->counters, &s.tk.delayUs)) {
     case mqb::Device::Admit::Refused:
+        m.data.onDrop(*d, s.tk);
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         return s.out.status;
     case mqb::Device::Admit::Answered:
         --m.nFree;
-        m.pushReady(idx);
+        s.used = true;
+        m.complete(idx);
         return MQB_OK;
     case mqb::Device::Admit::Pass:
         break;
@@ -392,9 +526,11 @@ int MQB::send(unsigned char* record) {
             std::memcpy(m.sense, s.out.sense, s.out.senseLen);
         }
         mqb::ChannelCounters::bump(l->counters->errors);
+        m.data.onDrop(*d, s.tk);
         return rc;
     }
     --m.nFree;
+    s.used = true;
     s.lane = l;
     s.fromQueue = true;
     ++l->uncommitted;
@@ -411,7 +547,8 @@ int MQB::send(unsigned char* record) {
 // MQB_ERR_IO when commands are with a transport that cannot be waited on.
 int MQB::receive() {
     Impl& m = *impl_;
-    if (m.readyCount + m.inQueues == 0) return MQB_ERR_NOTHING_OUT;
+    if (m.readyCount + m.inQueues + m.nDelayed == 0) return MQB_ERR_NOTHING_OUT;
+    if (m.nDelayed > 0) m.promoteDue();
     if (m.readyCount == 0) {
         const int rc = m.collect();
         if (rc != MQB_OK) return rc;
@@ -423,6 +560,7 @@ int MQB::receive() {
     --m.readyCount;
     m.freeSlots[m.nFree++] = idx;
     Slot& s = m.slots[idx];
+    s.used = false;
     m.haveLast = true;
     m.lastTag = s.tag;
     m.lastCdbLen = s.cdbLen;

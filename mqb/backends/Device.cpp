@@ -23,7 +23,8 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 Device::Device(std::string spec, std::unique_ptr<Backend> backend)
     : spec_(std::move(spec)), backend_(std::move(backend)) {}
 
-Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k) {
+Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k,
+                             uint32_t* delayUs) {
     using C = ChannelCounters;
     C::bump(k.commands);
     switch (c.opcode) {
@@ -38,7 +39,7 @@ Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, Channe
         if (tracing_ && trace_.size() < traceLimit_)
             trace_.push_back(TraceEntry{c.opcode, c.lba, c.tl, tag});
         bool refused = false;
-        if (applyFaults(c, out, refused)) {
+        if (applyFaults(c, out, refused, delayUs)) {
             C::bump(k.errors);
             return refused ? Admit::Refused : Admit::Answered;
         }
@@ -49,7 +50,9 @@ Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, Channe
 // Finds the first rule that fires for this command and writes its outcome.
 // Every rule the command matches, up to that one, counts the match. Returns
 // true when a rule fired; `refused` says whether the send is to be refused.
-bool Device::applyFaults(const Command& c, Outcome& out, bool& refused) {
+// A delay rule that fires adds to `*delayUs` and lets the search go on: the
+// command still runs, only later.
+bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t* delayUs) {
     FaultRule::Op op;
     if (faults_.empty() || !opKind(c.opcode, op)) return false;
     const uint64_t first = c.lba;
@@ -61,6 +64,10 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused) {
         if (r.matches % r.every != 0) continue;
         if (r.count != 0 && r.fired >= r.count) continue;
         ++r.fired;
+        if (r.kind == FaultRule::Kind::Delay) {
+            if (delayUs) *delayUs += r.delayUs;
+            continue;
+        }
         out.senseLen = 0;
         switch (r.kind) {
         case FaultRule::Kind::Check:
@@ -76,6 +83,8 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused) {
             break;
         case FaultRule::Kind::Status:
             out.status = r.status;
+            break;
+        case FaultRule::Kind::Delay:
             break;
         }
         return true;
@@ -168,6 +177,7 @@ void Device::stats(DeviceStats& s) const {
     s.maxQueueDepth = maxDepth_.load(std::memory_order_relaxed);
     s.fastReads = fastReads_.load(std::memory_order_relaxed);
     s.dataMode = dataMode_.load(std::memory_order_relaxed);
+    s.miscompares = data_.miscompares();
 }
 
 void Device::traceStart(uint64_t limit) {
@@ -212,6 +222,8 @@ void Device::reset() {
     trace_.clear();
     tracing_ = false;
     updateSlowPath();
+    data_.resetCounters();
+    data_.resetLatency();
 }
 
 }  // namespace mqb

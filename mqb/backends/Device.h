@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 #include "Backend.h"
+#include "DeviceData.h"
 #include "DeviceTable.h"
 
 namespace mqb {
@@ -42,8 +43,10 @@ public:
     // Takes one command in, in front of every backend: counts it in the
     // calling channel's counters, traces it and applies the first fault rule
     // that fires. With no trace and no faults it takes no lock and does not
-    // allocate.
-    Admit admit(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine);
+    // allocate. Given `delayUs`, a delay rule that fires adds its delay there
+    // and the command passes on (the channel holds its completion back).
+    Admit admit(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine,
+                uint32_t* delayUs = nullptr);
 
     // A counter set for one channel (a free one reused, else a new one that
     // lives as long as the device); the channel gives it back when it goes.
@@ -58,6 +61,9 @@ public:
     void leave(ChannelCounters& mine, uint64_t n) { ChannelCounters::bump(mine.atDevice, uint64_t(0) - n); }
 
     Backend& backend() { return *backend_; }
+    // Data verification and latency state (data mode, journal, histograms).
+    DeviceData& data() { return data_; }
+    const DeviceData& data() const { return data_; }
     const std::string& spec() const { return spec_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
@@ -80,12 +86,13 @@ public:
 
 private:
     using Counter = std::atomic<uint64_t>;
-    bool applyFaults(const Command& cmd, Outcome& out, bool& refused);  // lock_ held
+    bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
     std::string spec_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
+    DeviceData data_;
 
     std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change
     // The same sets, for enter() to read without the lock: published once

@@ -2,23 +2,24 @@
 // commands fall due in the order they were committed: the queue is a plain
 // ring, oldest first, and a reap never sorts.
 #include "SimQueue.h"
-#include <chrono>
-#include <thread>
 #include "MQBErr.h"
 #include "SimDisk.h"
+#include "SteadyClock.h"
 
 namespace mqb {
 
 namespace {
-uint64_t nowNs() {
-    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::steady_clock::now().time_since_epoch()).count());
-}
+uint64_t nowNs() { return steadyNs(); }
 }  // namespace
 
+// A disk with latency sleeps in every reap: the opening thread (the
+// channel's, which reaps) gets a low timer slack so that the sleeps end on
+// time.
 SimQueue::SimQueue(SimDisk& disk, int depth)
     : disk_(disk), latencyNs_(uint64_t(disk.latencyUs()) * 1000),
-      ring_(new Entry[size_t(depth > 0 ? depth : 1)]), cap_(depth > 0 ? depth : 1) {}
+      ring_(new Entry[size_t(depth > 0 ? depth : 1)]), cap_(depth > 0 ? depth : 1) {
+    if (latencyNs_ != 0) lowerTimerSlack();
+}
 
 // The disk answers now (data lands in the caller's buffer at once); only the
 // completion waits for its due time.
@@ -74,7 +75,7 @@ int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         }
         if (n >= min || count_ == 0 || n == max || now >= deadline) break;
         const uint64_t wake = ring_[head_].due < deadline ? ring_[head_].due : deadline;
-        std::this_thread::sleep_for(std::chrono::nanoseconds(wake - now));
+        sleepUntilNs(wake);
         now = nowNs();
     }
     return n;

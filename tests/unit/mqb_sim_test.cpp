@@ -1,5 +1,6 @@
 // mqb_sim_test.cpp: MQB channels on simulated and file-backed disks.
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -353,4 +354,57 @@ TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
     EXPECT_EQ(std::make_pair(q->reap(tokens, 0, 4, 0), tokens[0]), std::make_pair(1, uint64_t(3)));
     EXPECT_EQ(q->outstanding(), 0);
     EXPECT_EQ(q->reap(tokens, 1, 4, -1), 0) << "nothing held: no wait";
+}
+
+// A delayed command is held by the channel: later commands pass it, it comes
+// back good after its delay, the delay rule lets the search go on to other
+// rules, and a channel dropped while holding one releases it.
+TEST_F(Sim, DelayFaultHoldsTheCompletionBackInTheChannel) {
+    using Clock = std::chrono::steady_clock;
+    Rule d = rule(Rule::Kind::Delay, Rule::Op::Read, 5, 5);
+    d.delayUs = 20000;
+    r.fault(d);
+    ASSERT_EQ(send(m, rec(READ10, 5, 1, 1)), 0);
+    ASSERT_EQ(send(m, rec(READ10, 6, 1, 2)), 0);
+    const auto t0 = Clock::now();
+    ASSERT_EQ(m.receive(), 0);
+    EXPECT_EQ(lastTag(m), 2) << "the undelayed command passes the held one";
+    EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(15));
+    ASSERT_EQ(m.receive(), 0);
+    EXPECT_EQ(lastTag(m), 1);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(20)) << "never before its time";
+    EXPECT_EQ(m.receive(), MQB_ERR_NOTHING_OUT);
+    EXPECT_EQ(r.stats().errors, 0u);
+
+    r.fault(rule(Rule::Kind::Check, Rule::Op::Read, 5, 5));
+    EXPECT_EQ(roundTrip(m, rec(READ10, 5, 1)), MQB_ERR_CHECK) << "a later rule still fires";
+
+    mqb::clearFaults(r.idx);
+    r.fault(d);
+    auto c = std::make_unique<MQB>("sim");
+    ASSERT_EQ(c->setDeviceIndex(r.idx), 0);
+    ASSERT_EQ(send(*c, rec(READ10, 5, 1, 9)), 0);
+    ASSERT_EQ(send(*c, rec(READ10, 7, 1, 10)), 0);
+    ASSERT_EQ(c->receive(), 0);  // reaps both, holds the delayed one
+    c.reset();                   // the held command goes with the channel
+    mqb::clearFaults(r.idx);
+    const auto t1 = Clock::now();
+    EXPECT_EQ(roundTrip(m, rec(READ10, 5, 1)), 0);
+    EXPECT_LT(Clock::now() - t1, std::chrono::milliseconds(15)) << "no rule: no delay";
+}
+
+// A 1 ms disk at depth 1: every completion comes at or after its due time,
+// and, with the reaping thread's timer slack lowered, not much after.
+TEST(SimQueueLatency, OneMillisecondReadsAreNeverEarlyAndRarelyLate) {
+    Rig r("sim:blocks=100,latency=1000");
+    using Clock = std::chrono::steady_clock;
+    std::vector<int64_t> us;
+    for (int i = 0; i < 200; ++i) {
+        const auto t0 = Clock::now();
+        ASSERT_EQ(roundTrip(*r.m, rec(READ10, uint32_t(i % 100), 1)), 0);
+        us.push_back(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count());
+    }
+    std::sort(us.begin(), us.end());
+    EXPECT_GE(us.front(), 1000);
+    EXPECT_LE(us[us.size() / 2], 1150) << "median";
 }
