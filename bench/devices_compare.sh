@@ -34,15 +34,27 @@ row() { rows+=("$(printf '%-28s %14s %14s %8s' "$@")"); }
 ratio() { awk -v k="$1" -v p="$2" 'BEGIN { if (k > 0 && p > 0) printf "%.2f", k / p; else print "-" }'; }
 
 # kiv's commands per second on SPEC: kivrate SPEC READPCT WRITEPCT QD.
-# Prints "RATE ERRORS MAX_OUTSTANDING".
+# Prints "RATE ERRORS MAX_OUTSTANDING". The rate is taken between the first
+# and the last statistics pass that fell inside the run (a -statcallback reads
+# the device's command count each second), so like fio's figure it leaves out
+# the set-up before the first command and the wait for the last second's end.
 kivrate() {
     cat >"$work/run.tcl" <<EOF
 set d [mqb add {$1}]
-set t0 [clock microseconds]
-kiv -devices \$d -test r -r10 $2 -w10 $3 -translen 8 -qd $4 -time $secs -statmode none -printerrors 0
-set t [expr {([clock microseconds] - \$t0) / 1e6}]
+set ::samples {}
+proc sample {args} {
+    lappend ::samples [list [clock microseconds] [dict get [mqb stats \$::d] commands]]
+}
+kiv -devices \$d -test r -r10 $2 -w10 $3 -translen 8 -qd $4 -time $secs -statmode none \\
+    -printerrors 0 -statcallback sample
+# The last pass comes after the run stopped; the one before it is the last
+# that saw commands flowing.
+set n [llength \$::samples]
+lassign [lindex \$::samples 0] t0 c0
+lassign [lindex \$::samples [expr {\$n > 2 ? \$n - 2 : \$n - 1}]] t1 c1
+set rate [expr {\$t1 > \$t0 ? round((\$c1 - \$c0) * 1e6 / (\$t1 - \$t0)) : 0}]
 set s [mqb stats \$d]
-puts "RESULT [expr {round([dict get \$s commands] / \$t)}] [dict get \$s errors] [dict get \$s max_outstanding]"
+puts "RESULT \$rate [dict get \$s errors] [dict get \$s max_outstanding]"
 EOF
     "$kivsh" "$work/run.tcl" 2>&1 | awk '/^RESULT / { print $2, $3, $4 }'
 }
