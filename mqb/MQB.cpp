@@ -14,9 +14,9 @@
 // recorder takes its latency and the checker checks what came back, which may
 // turn a good completion into MISCOMPARE. A VERIFY or WRITE AND VERIFY the
 // checker judges goes back into the same queue as a READ of its blocks into
-// the checker's buffer, and completes when that is back. A command a delay fault rule picked
-// is held back by the channel until its extra time has passed, whatever the
-// transport.
+// the checker's buffer, and completes when that is back. A command a delay
+// fault rule picked is held back by the channel until its extra time has
+// passed, whatever the transport.
 #include "MQB.h"
 #include <cstdarg>
 #include <cstdio>
