@@ -1,4 +1,4 @@
-// FileDisk.cpp: opening a file or block device as a disk: the spec's options,
+// FileDisk.cpp: opening a file or block device as a disk: the options after "file:",
 // the geometry (BLKSSZGET and BLKGETSIZE64 for a block device, 512-byte
 // blocks for a file) and the O_DIRECT descriptor, probed once so that a file
 // system that refuses direct I/O says so at open instead of failing every

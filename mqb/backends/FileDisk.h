@@ -1,6 +1,6 @@
 // FileDisk.h: a regular file (512-byte blocks) or a block device (its own
 // logical block size and capacity) as a SCSI disk. Data commands are real I/O
-// through the file queues (FileQueue), with O_DIRECT unless the spec says
+// through the file queues (FileQueue), with O_DIRECT unless the device text says
 // direct=0; this object holds what those queues share: the descriptors and
 // the geometry.
 #pragma once
