@@ -326,8 +326,10 @@ bool KIVLoop::reserveReadBuffer(uint64_t need) {
     std::lock_guard<std::mutex> lock(bufferMutex());
     if (read_buff != nullptr && read_buff_size >= need) return true;
     if (need > SIZE_MAX) return false;
-    uint8_t* fresh = (uint8_t*)malloc(need ? (size_t)need : 1);
-    if (fresh == nullptr) return false;
+    // Page-aligned, so that a device doing direct I/O reads straight into it.
+    void* mem = nullptr;
+    if (posix_memalign(&mem, 4096, need ? (size_t)need : 1) != 0) return false;
+    uint8_t* fresh = (uint8_t*)mem;
     if (read_buff != nullptr) retiredReadBuffers().push_back(read_buff);
     read_buff = fresh;
     read_buff_size = need;

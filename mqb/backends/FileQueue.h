@@ -1,7 +1,10 @@
 // FileQueue.h: a channel's queue to a file or block device. Each command is a
 // small sequence of transfers (a read; a write; a write then a read-back; a
 // verify read in pieces) run through the queue's own io_uring, or with
-// pread/pwrite inside submit() when the kernel refuses io_uring.
+// pread/pwrite inside submit() when the kernel refuses io_uring. The ring is
+// tied to the thread that submits first (single issuer, completions run when
+// that thread enters the kernel) where the kernel offers it, with the disk's
+// descriptors and the queue's bounce buffers registered with it.
 #pragma once
 #include <cstdint>
 #include <memory>
@@ -16,7 +19,8 @@ public:
     // With `useRing` false (or when the kernel refuses a ring) every command
     // runs synchronously inside submit().
     FileQueue(FileDisk& disk, int depth, bool useRing = true);
-    // Waits until the kernel is done with every buffer it was given.
+    // Waits until the kernel is done with every buffer it was given (see
+    // takeOver() for a queue closed by another thread than its ring's).
     ~FileQueue() override;
     FileQueue(const FileQueue&) = delete;
     FileQueue& operator=(const FileQueue&) = delete;
@@ -28,11 +32,18 @@ public:
 
     // True when commands go through io_uring (false: synchronous fallback).
     bool async() const { return ringUp_; }
+    // True when the ring is single-issuer with deferred completions and the
+    // disk's descriptors are registered with it (known after the first
+    // submit; false when the kernel does not offer them).
+    bool tuned() const;
 
     // Bytes of one bounce buffer: transfers the caller's buffers cannot make
     // directly (unaligned for O_DIRECT), read-backs and verify reads go
     // through it in pieces of at most this size.
     static constexpr uint64_t kBounce = 1 << 20;
+    // The head of each bounce buffer registered with the ring: transfers that
+    // fit in it move without the kernel pinning pages for each of them.
+    static constexpr uint64_t kFixedBytes = 128 << 10;
 
 private:
     enum class Phase : uint8_t { Read, Write, Check };
@@ -61,6 +72,9 @@ private:
         bool           compare;  // BYTCHK: the read-back is compared with src
         bool           bounced;  // the read landed in the bounce buffer
         Io             io;
+        bool           atKernel = false;  // io is prepared for or with the ring
+        unsigned       regRing = 0;       // ring (generation) that has the bounce registered
+        unsigned       refusedRing = 0;   // ring that refused to register it
         std::unique_ptr<uint8_t, void (*)(void*)> bounce{nullptr, nullptr};
     };
 
@@ -91,6 +105,11 @@ private:
     bool ringUp_ = false;
     void queueIo(int i);
     void takeCqes();
+    // Makes the ring ready for the calling thread; false when there is none.
+    bool ownRing();
+    bool enableRing();
+    void takeOver();
+    int  fixedBuffer(int i, unsigned len);
 };
 
 }  // namespace mqb

@@ -201,6 +201,7 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     s.out = out;
     s.token = token;
     s.deadline = nowNs() + timeoutNs_;
+    if (s.deadline < firstDeadline_) firstDeadline_ = s.deadline;
     if (len > 0) {
         s.iov.iov_base = buf;
         s.iov.iov_len = size_t(len);
@@ -254,9 +255,7 @@ int IscsiQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         const int64_t now = looked ? nowNs() : start;
         // The command that has waited longest decides when the session is
         // given up: a target that stops answering ends everything in flight.
-        int64_t first = INT64_MAX;
-        for (const Slot& s : slots_)
-            if (s.busy && s.deadline < first) first = s.deadline;
+        const int64_t first = firstDeadline(now);
         if (first <= now) {
             markLost(("no answer from the target within " + std::to_string(timeoutSec_) + " s")
                          .c_str());
@@ -273,6 +272,18 @@ int IscsiQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         if (n < min && nowNs() >= until) break;
     }
     return take(tokens, n, max);
+}
+
+// Deadlines grow in submit order, so the bound kept in firstDeadline_ stays
+// at or below the earliest deadline in flight as commands finish: the slots
+// are scanned only once that bound has been reached, not on every reap.
+int64_t IscsiQueue::firstDeadline(int64_t now) {
+    if (firstDeadline_ > now) return firstDeadline_;
+    int64_t first = INT64_MAX;
+    for (const Slot& s : slots_)
+        if (s.busy && s.deadline < first) first = s.deadline;
+    firstDeadline_ = first;
+    return first;
 }
 
 void IscsiQueue::pollOnce(int waitMs) {

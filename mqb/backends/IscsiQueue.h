@@ -60,6 +60,9 @@ private:
     void pollOnce(int waitMs);
     // Ends every command in flight with -14 and marks the session dead.
     void markLost(const char* why);
+    // The earliest deadline of the commands in flight (INT64_MAX: none),
+    // given the time `now`.
+    int64_t firstDeadline(int64_t now);
     // Moves finished tokens to `tokens[n..max)`; returns the new n.
     int take(uint64_t* tokens, int n, int max);
 
@@ -73,6 +76,7 @@ private:
     std::vector<uint64_t> done_;     // ring of finished tokens not yet reaped
     int doneHead_ = 0, doneCount_ = 0;
     int inFlight_ = 0;               // with the target (callback not yet run)
+    int64_t firstDeadline_ = INT64_MAX;  // at or below the earliest deadline in flight
     int outstanding_ = 0;            // submitted and not yet reaped
     bool uncommitted_ = false;
     bool lost_ = false;
