@@ -23,6 +23,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <vector>
 #include "FileDisk.h"
 #include "MQBErr.h"
 #include "RelaxedCopy.h"
@@ -54,6 +56,15 @@ namespace {
 unsigned nextRingGen() {
     static std::atomic<unsigned> gen{0};
     return gen.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+// Keeps a buffer the kernel may still write to the process's end (a ring
+// closed with transfers in flight finishes them on its own time).
+void keepForKernel(std::unique_ptr<uint8_t, void (*)(void*)> buf) {
+    static std::mutex lock;
+    static auto* kept = new std::vector<std::unique_ptr<uint8_t, void (*)(void*)>>;
+    std::lock_guard<std::mutex> hold(lock);
+    kept->push_back(std::move(buf));
 }
 
 // Sets up `r` with room for `entries` SQEs: single-issuer, with deferred
@@ -334,7 +345,7 @@ bool FileQueue::enableRing() {
 // kernel cannot be waited on from here (their completions run only on the
 // ring's thread): closing the ring leaves them to the kernel, their commands
 // end with MQB_ERR_IO, and their ops' bounce buffers are left to the kernel
-// too (never freed, as it may still write them).
+// too (kept, never freed, as it may still write them).
 void FileQueue::takeOver() {
     Ring& g = *ring_;
     io_uring_queue_exit(&g.ring);
@@ -342,7 +353,7 @@ void FileQueue::takeOver() {
         Op& op = ops_[i];
         if (!op.atKernel) continue;
         op.atKernel = false;
-        (void)op.bounce.release();
+        keepForKernel(std::move(op.bounce));
         op.out->status = MQB_ERR_IO;
         op.out->senseLen = 0;
         finish(i);
