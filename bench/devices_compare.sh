@@ -244,9 +244,9 @@ if [ ${#lrows[@]} -gt 0 ]; then
 fi
 
 # --- sg: ---
-if [ -x "$here/sg_compare.sh" ] || [ -f "$here/sg_compare.sh" ]; then
+if [ -f "$here/sg_compare.sh" ]; then
     echo "sg: kiv against fio's sg engine in the VM rig"
-    ROUNDS=$rounds bash "$here/sg_compare.sh" "$build" || echo "sg: skipped (see above)"
+    ROUNDS=$rounds bash "$here/sg_compare.sh" "$build" "$secs" || echo "sg: skipped (see above)"
     echo
 fi
 
