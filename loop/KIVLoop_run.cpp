@@ -111,9 +111,6 @@ void KIVLoop::unloadFunc() {
         uint32_t s = getSec();
         if (s > lastStatSec) {
             lastStatSec = s;
-            // Sends the channel holds for its batch go to the device before
-            // the statistics pass and its callbacks take their time.
-            mqb->commit();
             control->analyze(false);
             control->checkErr();
         }

@@ -214,11 +214,20 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     }
     ++inFlight_;
     ++outstanding_;
+    ++sinceReap_;
     uncommitted_ = true;
     return MQB_OK;
 }
 
+// The channel commits after each command it sends; the socket is written once
+// the commands the last reap handed back have all been replaced (or by the
+// next reap), so a batch goes out in one service call, not one per command.
 int IscsiQueue::commit() {
+    if (sinceReap_ < lastReaped_) return MQB_OK;
+    return flush();
+}
+
+int IscsiQueue::flush() {
     uncommitted_ = false;
     if (lost_ || inFlight_ == 0) return MQB_OK;
     // The socket is non-blocking: libiscsi writes what the kernel takes now
@@ -244,7 +253,7 @@ int IscsiQueue::take(uint64_t* tokens, int n, int max) {
 }
 
 int IscsiQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
-    if (uncommitted_) commit();
+    if (uncommitted_) flush();
     if (max <= 0) return 0;
     min = std::min(min, max);
     const int64_t start = nowNs();
@@ -271,7 +280,10 @@ int IscsiQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         n = take(tokens, n, max);
         if (n < min && nowNs() >= until) break;
     }
-    return take(tokens, n, max);
+    n = take(tokens, n, max);
+    lastReaped_ = n;
+    sinceReap_ = 0;
+    return n;
 }
 
 // Deadlines grow in submit order, so the bound kept in firstDeadline_ stays
@@ -412,6 +424,7 @@ int IscsiQueue::submit(const Command&, Outcome* out, uint64_t) {
     return out->status = MQB_ERR_UNSUPPORTED;
 }
 int IscsiQueue::commit() { return MQB_ERR_UNSUPPORTED; }
+int IscsiQueue::flush() { return MQB_ERR_UNSUPPORTED; }
 int IscsiQueue::reap(uint64_t*, int, int, int64_t) { return MQB_ERR_UNSUPPORTED; }
 
 #endif

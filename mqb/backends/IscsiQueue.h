@@ -1,7 +1,8 @@
 // IscsiQueue.h: one iSCSI session used as a channel's asynchronous queue.
 // Commands are queued on the session by submit(), written to the socket by
-// commit(), and completed by reap(), which drives the session's event loop
-// (poll on its socket, then libiscsi's service call). A command the target
+// commit() once per batch (when the commands of the last reap have all been
+// replaced) or by the next reap, and completed by reap(), which drives the
+// session's event loop (poll on its socket, then libiscsi's service call). A command the target
 // leaves unanswered past the time-out, or a session the target drops, ends
 // every outstanding command with a time-out status; the session is then dead
 // and refuses further commands.
@@ -60,6 +61,8 @@ private:
     void pollOnce(int waitMs);
     // Ends every command in flight with -14 and marks the session dead.
     void markLost(const char* why);
+    // Writes what libiscsi has queued for the socket (commit's work, now).
+    int flush();
     // The earliest deadline of the commands in flight (INT64_MAX: none),
     // given the time `now`.
     int64_t firstDeadline(int64_t now);
@@ -79,6 +82,8 @@ private:
     int64_t firstDeadline_ = INT64_MAX;  // at or below the earliest deadline in flight
     int outstanding_ = 0;            // submitted and not yet reaped
     bool uncommitted_ = false;
+    int lastReaped_ = 0;             // tokens the last reap handed back
+    int sinceReap_ = 0;              // commands submitted since then
     bool lost_ = false;
     // Set by a callback when libiscsi gave up on a command (time-out, dropped
     // connection); the session is marked lost once libiscsi has returned.

@@ -24,9 +24,11 @@ public:
     virtual int submit(const Command& cmd, Outcome* out, uint64_t token) = 0;
 
     // Hands every command submitted since the last commit to the device, in
-    // one system call where the transport allows. Returns 0 or a negative
-    // status (the commands stay queued and are retried by the next commit or
-    // reap).
+    // one system call where the transport allows. A transport may hold them
+    // until the commands its last reap handed back have all been replaced,
+    // so that a batch goes out at once (the next reap hands over whatever is
+    // held). Returns 0 or a negative status (the commands stay queued and are
+    // retried by the next commit or reap).
     virtual int commit() = 0;
 
     // Collects finished commands: writes up to `max` tokens into `tokens`,

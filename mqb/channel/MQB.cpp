@@ -2,12 +2,10 @@
 // the completion path. A command goes through the device's front (counters,
 // trace, fault rules) and then into the channel's queue to that device
 // (Queue.h), opened on the first command after the device was selected and
-// kept for the channel's life. receive() takes completions from the queue in
+// kept for the channel's life. Sends since the last receive are handed to the
+// device in one commit; receive() takes completions from the queue in
 // batches and gives them out one at a time, in the order the device finished
-// them; what was sent while a batch was given out goes to the device in one
-// commit as its last completion is taken (or with the reap that waits for
-// the next batch), so a transport enters the kernel once per batch, not once
-// per command. The channel knows no transport.
+// them. The channel knows no transport.
 //
 // Around the queue sit the channel's data checker and latency recorder: at
 // send, before the device's front, the checker may swap the command's data
@@ -541,10 +539,9 @@ int MQB::send(unsigned char* record) {
     return MQB_OK;
 }
 
-// Takes the next completion from the ready ring, filling it from the queues
-// (waiting for the device, after committing what was sent) when it is
-// empty; taking the last ready completion commits what was sent while the
-// ring was served. Remembers the completion's tag and CDB for
+// Takes the next completion: commits what was sent since the last receive,
+// then serves the ready ring, filling it from the queues (waiting for the
+// device) when it is empty. Remembers the completion's tag and CDB for
 // receiveInfo and its sense (or none) for errInfo. A completed READ
 // CAPACITY(10) tells the device its block size is now known. Returns
 // MQB_ERR_IO when commands are with a transport that cannot be waited on.
@@ -555,7 +552,7 @@ int MQB::receive() {
     if (m.readyCount == 0) {
         const int rc = m.collect();
         if (rc != MQB_OK) return rc;
-    } else if (m.uncommitted > 0 && m.readyCount == 1) {
+    } else if (m.uncommitted > 0) {
         m.commitAll();
     }
     const int idx = m.ready[m.readyHead];
