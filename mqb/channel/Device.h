@@ -12,7 +12,7 @@
 #include "DeviceData.h"
 #include "DeviceTable.h"
 #include "Metrics.h"
-#include "SenseTally.h"
+#include "channel/SenseTally.h"
 
 namespace mqb {
 

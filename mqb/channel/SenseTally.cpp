@@ -1,5 +1,5 @@
 // SenseTally.cpp: counting failed commands by their sense triple.
-#include "SenseTally.h"
+#include "channel/SenseTally.h"
 #include "SenseParser.h"
 
 namespace mqb {

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstring>
 #include <tuple>
-#include "backends/Device.h"
+#include "channel/Device.h"
 
 namespace mqb {
 
