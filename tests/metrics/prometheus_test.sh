@@ -29,8 +29,11 @@ trap 'exit 1' INT TERM
 fail() { echo "FAIL: $*"; exit 1; }
 
 export KIV_NO_TK=1
+# Every peer runs under timeout(1) as well: if this script is killed outright
+# (SIGKILL), none outlives it by more than that.
+LIFE=50
 for h in h1 h2; do
-    "$KIVSH" --metrics 127.0.0.1:0 "$HERE/host.tcl" "$TMP/$h" >"$TMP/$h.log" 2>&1 &
+    timeout $LIFE "$KIVSH" --metrics 127.0.0.1:0 "$HERE/host.tcl" "$TMP/$h" >"$TMP/$h.log" 2>&1 &
     PIDS+=($!)
 done
 for h in h1 h2; do
@@ -50,7 +53,7 @@ scrape_configs:
     static_configs:
       - targets: ['$(cat "$TMP/h1.addr")', '$(cat "$TMP/h2.addr")']
 YML
-prometheus --config.file="$TMP/prometheus.yml" --storage.tsdb.path="$TMP/data" \
+timeout $LIFE prometheus --config.file="$TMP/prometheus.yml" --storage.tsdb.path="$TMP/data" \
     --web.listen-address="127.0.0.1:$PORT" >"$TMP/prometheus.log" 2>&1 &
 PIDS+=($!)
 q() { "$KIVSH" "$HERE/promql.tcl" "$PORT" "$1"; }
