@@ -1,12 +1,14 @@
 # host.tcl DIR: one "host" of the Prometheus fixture, run by kivsh --metrics
-# 127.0.0.1:0. Writes the address it serves to DIR.addr, waits for the file
-# go beside DIR, runs a 5 s test on a simulated disk whose latency bounds its
-# rate (so the rate is steady), takes one scrape of its own endpoint in the
-# middle of the run (DIR.scrape), then writes to DIR.out its command rate from
-# `mqb stats` between 1 s and 4 s into the run (past its start-up, before its
-# end) and its read p99 from `mqb latency`, and stays up for a last scrape.
+# 127.0.0.1:0. Adds its simulated disk (whose latency bounds its rate) and
+# then writes the address it serves to DIR.addr, so the disk's series are
+# scraped at zero before the run. Waits for the file go beside DIR, runs an 11 s
+# test, takes one scrape of its own endpoint mid-run (DIR.scrape), and keeps
+# `mqb stats` command counts with their times ("ms commands" lines,
+# DIR.samples) four times a second. At the end writes its `mqb latency` read
+# p99 to DIR.out and stays up for a last scrape.
 package require http
 set dir [lindex $argv 0]
+set d [mqb add sim:blocks=1000000,latency=2000]
 set f [open $dir.addr.tmp w]; puts $f [mqb metrics]; close $f
 file rename -force $dir.addr.tmp $dir.addr
 
@@ -15,25 +17,26 @@ for {set i 0} {![file exists $go]} {incr i} {
     if {$i > 600} { puts stderr "host: no go"; exit 2 }
     after 50
 }
-set d [mqb add sim:blocks=1000000,latency=2000]
 proc scrape {} {
     global dir
     set tok [http::geturl http://[mqb metrics]/metrics -timeout 5000]
     set f [open $dir.scrape w]; puts -nonewline $f [http::data $tok]; close $f
     http::cleanup $tok
 }
-proc sample {name} {
-    global d $name
-    set $name [list [clock milliseconds] [dict get [mqb stats $d] commands]]
+set samples [open $dir.samples w]
+proc sample {} {
+    global d samples
+    puts $samples "[clock milliseconds] [dict get [mqb stats $d] commands]"
+    after 250 sample
 }
-after 1000 sample s1
+sample
 after 2500 scrape
-after 4000 sample s2
-kiv -devices $d -test r -r10 100 -w10 0 -qd 8 -time 5 -statmode none
-lassign $s1 t1 c1
-lassign $s2 t2 c2
+kiv -devices $d -test r -r10 100 -w10 0 -qd 8 -time 11 -statmode none
+sample
+close $samples
+after cancel sample
 set f [open $dir.out w]
-puts $f [list [expr {($c2 - $c1) * 1000.0 / ($t2 - $t1)}] [dict get [mqb latency $d] read p99_us]]
+puts $f [dict get [mqb latency $d] read p99_us]
 close $f
 after 2500
 exit 0
