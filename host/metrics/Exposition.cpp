@@ -5,7 +5,9 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <vector>
 
 #include "DataControl.h"
 #include "DeviceTable.h"
@@ -16,6 +18,11 @@ namespace kivmetrics {
 
 const char* const kContentType = "text/plain; version=0.0.4; charset=utf-8";
 
+namespace {
+
+// The upper bounds (nanoseconds) of the latency histogram's buckets, in
+// order: four per power of two from 1.024 us to 34.4 s, each the first value
+// of a bucket of the device library's histogram, so folding is exact.
 const std::vector<uint64_t>& latencyBoundsNs() {
     static const std::vector<uint64_t> bounds = [] {
         std::vector<uint64_t> b;
@@ -27,6 +34,9 @@ const std::vector<uint64_t>& latencyBoundsNs() {
     return bounds;
 }
 
+// Folds one kind's non-empty fine buckets ({first value in us, count}, in
+// order) into cumulative counts per bound of latencyBoundsNs(), plus one last
+// entry for +Inf (the total).
 std::vector<uint64_t> foldLatency(const std::vector<std::pair<double, uint64_t>>& fine) {
     const std::vector<uint64_t>& bounds = latencyBoundsNs();
     std::vector<uint64_t> out(bounds.size() + 1, 0);
@@ -43,6 +53,7 @@ std::vector<uint64_t> foldLatency(const std::vector<std::pair<double, uint64_t>>
     return out;
 }
 
+// A label value escaped for the text format (backslash, double quote, newline).
 std::string escapeLabel(const std::string& v) {
     std::string out;
     out.reserve(v.size());
@@ -54,8 +65,6 @@ std::string escapeLabel(const std::string& v) {
     }
     return out;
 }
-
-namespace {
 
 // Appends printf-style text.
 void put(std::string& s, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
