@@ -402,8 +402,8 @@ int MQB::ioctl(int code, int count, ...) {
         if (!mode || !arg || !flag) { rc = MQB_ERR_PARAM; break; }
         if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
-        m.dev->noteDataMode(*mode);
-        m.dev->data().setMode(*mode, m.dev->backend().geometry());
+        rc = m.dev->data().setMode(*mode, m.dev->backend().geometry());
+        if (rc >= 0) m.dev->noteDataMode(*mode);
         break;
     }
     default:

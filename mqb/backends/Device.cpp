@@ -1,6 +1,7 @@
 // Device.cpp: what every device of the table does in front of its backend:
 // counters, the command trace and the scripted fault rules.
 #include "Device.h"
+#include <algorithm>
 #include "MQBErr.h"
 
 namespace mqb {
@@ -183,7 +184,7 @@ void Device::stats(DeviceStats& s) const {
 void Device::traceStart(uint64_t limit) {
     std::lock_guard<std::mutex> g(lock_);
     tracing_ = true;
-    traceLimit_ = limit ? limit : kDefaultTraceLimit;
+    traceLimit_ = limit == 0 ? kDefaultTraceLimit : std::min(limit, kMaxTraceLimit);
     updateSlowPath();
 }
 
