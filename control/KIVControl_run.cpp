@@ -10,10 +10,12 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include "KIVLoop.h"
+#include "RegularFile.h"
 
 namespace {
 // Prefix of the print buffer's script: `puts "`.
@@ -53,6 +55,17 @@ void onInterrupt(int sig) {
     interruptAtMs.store(now);
     interruptSeen.store(true);
     errno = savedErrno;
+}
+// Opens a run's output file for writing, appending or truncating, with an
+// open that never waits: a named pipe, a socket or a directory is refused
+// (null), a regular file or a character device such as /dev/null is taken.
+FILE* openRunFile(const char* name, bool append) {
+    const int fd = mqb::openRegularFile(name, O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC),
+                                        0666, mqb::FileKinds::RegularOrCharDevice);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, append ? "a" : "w");
+    if (!f) close(fd);
+    return f;
 }
 }  // namespace
 
@@ -261,7 +274,7 @@ void KIVControl::initLoop() {
     errLogWriteErr = 0;
     errStatWriteErr = 0;
     if (statLogfileName) {
-        statLogfile = fopen(statLogfileName, statAppend ? "a" : "w");
+        statLogfile = openRunFile(statLogfileName, statAppend);
         if (!statLogfile) {
             print("KIV: <E> Could not open stat logfile for writing");
             free(statLogfileName);
@@ -269,7 +282,7 @@ void KIVControl::initLoop() {
         }
     }
     if (errLogfileName) {
-        errLogfile = fopen(errLogfileName, errorAppend ? "a" : "w");
+        errLogfile = openRunFile(errLogfileName, errorAppend);
         if (!errLogfile) {
             print("KIV: <E> Could not open error logfile for writing");
             free(errLogfileName);
@@ -277,7 +290,7 @@ void KIVControl::initLoop() {
         }
     }
     if (errStatFileName) {
-        errStatFile = fopen(errStatFileName, "w");
+        errStatFile = openRunFile(errStatFileName, false);
         if (!errStatFile) {
             print("KIV: <E> Could not open error stat file for writing");
             free(errStatFileName);
