@@ -66,7 +66,10 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
         if (r.count != 0 && r.fired >= r.count) continue;
         ++r.fired;
         if (r.kind == FaultRule::Kind::Delay) {
-            if (delayUs) *delayUs += r.delayUs;
+            // Several rules add up, saturating; the channel caps the sum at
+            // the device's command time-out.
+            if (delayUs)
+                *delayUs = r.delayUs > UINT32_MAX - *delayUs ? UINT32_MAX : *delayUs + r.delayUs;
             continue;
         }
         out.senseLen = 0;

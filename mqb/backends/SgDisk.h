@@ -18,6 +18,7 @@ public:
     std::unique_ptr<Queue> openQueue(int depth) override;
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "sg"; }
+    uint32_t commandTimeoutSec() const override { return kTimeoutMs / 1000; }
 
     // Per-command time-out the device is given; past it the command ends -14.
     static constexpr unsigned kTimeoutMs = 60000;
