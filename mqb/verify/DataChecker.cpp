@@ -4,8 +4,8 @@
 #include <cstring>
 #include "KeyedBlock.h"
 #include "MQBErr.h"
-#include "backends/Device.h"
 #include "backends/RelaxedCopy.h"
+#include "channel/Device.h"
 
 namespace mqb {
 
