@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "KIVLoop.h"
+#include "Metrics.h"
 #include "RegularFile.h"
 
 namespace {
@@ -230,6 +231,7 @@ int KIVControl::run() {
     // The run's start, kept for a final statistics pass that comes before any
     // first pass (analyze takes it as the time base then).
     lastReportMs = getMS();
+    mqb::runBegin(numDevices);
 
     if (!threadMode) {
         initLoop();
@@ -425,6 +427,7 @@ void KIVControl::finishLoop() {
     if (statMode == 2) finalizeWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
     running = false;
+    mqb::runEnd();
     releaseInterrupts();
 
     // Every thread has lowered runcount by now, but may still be on its way out
