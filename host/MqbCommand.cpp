@@ -496,7 +496,7 @@ int cmdTrace(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     switch (which) {
     case START: {
         Tcl_WideInt limit = 0;
-        if (objc == 5 && getCount(interp, objv[4], "trace limit", INT64_MAX, limit) != TCL_OK)
+        if (objc == 5 && getCount(interp, objv[4], "trace limit", Tcl_WideInt(mqb::kMaxTraceLimit), limit) != TCL_OK)
             return TCL_ERROR;
         mqb::traceStart(idx, uint64_t(limit));
         return TCL_OK;

@@ -11,6 +11,7 @@
 #include "DeviceInfo.h"
 #include "KIVControl.h"
 #include "MQB.h"
+#include "MQBErr.h"
 #include "MQBManager.h"
 
 uint8_t*             KIVLoop::read_buff = nullptr;
@@ -278,7 +279,22 @@ bool KIVLoop::prepareDevice() {
     if (dataBufferIdx >= 0) mode = 11;
     int arg = 0;
     unsigned char flag = 0;
-    bool ok = mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag) == 0;
+    const int modeRc = mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag);
+    if (modeRc == MQB_ERR_NO_MEMORY) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Could not allocate the data check of device %d, Out Of Memory",
+                 mqb->getCurrentDeviceIndex());
+        control->printThreaded(msg);
+        return false;
+    }
+    if (modeRc > 0) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <W> No memory for the lost-write journal of device %d: "
+                 "checking without it",
+                 mqb->getCurrentDeviceIndex());
+        control->printThreaded(msg);
+    }
+    bool ok = modeRc >= 0;
     if (dataBufferIdx < 0)
         control->printThreaded(ok ? "KIV: <I> Activated Hardware data generation"
                                   : "KIV: <I> Using software generated random data");

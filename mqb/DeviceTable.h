@@ -82,7 +82,12 @@ bool clearFaults(int idx);
 bool listFaults(int idx, std::vector<FaultRule>& out);
 
 bool stats(int idx, DeviceStats& out);
-// Starts recording up to `limit` commands (0 = 1,000,000); keeps earlier entries.
+// The largest trace limit: a record of 24 bytes a command, and several
+// hundred bytes each once returned as a Tcl list, must stay far below the
+// memory of a test machine.
+constexpr uint64_t kMaxTraceLimit = 2000000;
+// Starts recording up to `limit` commands (0 = 1,000,000; above
+// kMaxTraceLimit, kMaxTraceLimit); keeps earlier entries.
 bool traceStart(int idx, uint64_t limit);
 bool traceStop(int idx);
 bool traceGet(int idx, std::vector<TraceEntry>& out);

@@ -19,6 +19,7 @@ public:
     std::unique_ptr<Queue> openQueue(int depth) override;
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "sg"; }
+    uint32_t commandTimeoutSec() const override { return kTimeoutMs / 1000; }
 
     // Per-command time-out the device is given unless the device text says
     // `timeout=SEC` (1 to 3600); past it the command ends -14.

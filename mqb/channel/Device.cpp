@@ -1,6 +1,7 @@
 // Device.cpp: what every device of the table does in front of its backend:
 // counters, the command trace and the scripted fault rules.
 #include "Device.h"
+#include <algorithm>
 #include "MQBErr.h"
 
 namespace mqb {
@@ -65,7 +66,10 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
         if (r.count != 0 && r.fired >= r.count) continue;
         ++r.fired;
         if (r.kind == FaultRule::Kind::Delay) {
-            if (delayUs) *delayUs += r.delayUs;
+            // Several rules add up, saturating; the channel caps the sum at
+            // the device's command time-out.
+            if (delayUs)
+                *delayUs = r.delayUs > UINT32_MAX - *delayUs ? UINT32_MAX : *delayUs + r.delayUs;
             continue;
         }
         out.senseLen = 0;
@@ -183,7 +187,7 @@ void Device::stats(DeviceStats& s) const {
 void Device::traceStart(uint64_t limit) {
     std::lock_guard<std::mutex> g(lock_);
     tracing_ = true;
-    traceLimit_ = limit ? limit : kDefaultTraceLimit;
+    traceLimit_ = limit == 0 ? kDefaultTraceLimit : std::min(limit, kMaxTraceLimit);
     updateSlowPath();
 }
 

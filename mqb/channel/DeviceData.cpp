@@ -1,5 +1,7 @@
 // DeviceData.cpp: per-device verification and latency state.
 #include "DeviceData.h"
+#include <new>
+#include "MQBErr.h"
 
 namespace mqb {
 
@@ -9,23 +11,39 @@ void DeviceData::configure(uint64_t journalMax, bool carriesData, bool recordLat
     latencyOn_.store(recordLatency, std::memory_order_relaxed);
 }
 
-void DeviceData::ensureTracking(const Geometry& g) {
-    if (!trackerOwner_) {
-        trackerOwner_ = std::make_unique<WriteTracker>();
-        tracker_.store(trackerOwner_.get(), std::memory_order_release);
+// Memory that cannot be had is an answer, not an abort: no tracker means no
+// keyed compare at all (MQB_ERR_NO_MEMORY); no journal means the device is
+// checked without one, which is noted once (journalRefused_) and not tried
+// again.
+int DeviceData::ensureTracking(const Geometry& g) {
+    try {
+        if (!trackerOwner_) {
+            trackerOwner_ = std::make_unique<WriteTracker>();
+            tracker_.store(trackerOwner_.get(), std::memory_order_release);
+        }
+    } catch (const std::bad_alloc&) {
+        return MQB_ERR_NO_MEMORY;
     }
-    if (!journalOwner_ && g.blocks > 0 && journalAllowed(g.blocks)) {
-        journalOwner_ = std::make_unique<WriteJournal>(g.blocks, g.blockSize);
-        journal_.store(journalOwner_.get(), std::memory_order_release);
+    if (!journalOwner_ && !journalRefused_ && g.blocks > 0 && journalAllowed(g.blocks)) {
+        try {
+            journalOwner_ = std::make_unique<WriteJournal>(g.blocks, g.blockSize);
+            journal_.store(journalOwner_.get(), std::memory_order_release);
+        } catch (const std::bad_alloc&) {
+            journalRefused_ = true;
+            return kNoJournal;
+        }
     }
+    return MQB_OK;
 }
 
-void DeviceData::setMode(int mode, const Geometry& g) {
+int DeviceData::setMode(int mode, const Geometry& g) {
+    int rc = MQB_OK;
     if (mode == 6 && carriesData_) {
         std::lock_guard<std::mutex> l(lock_);
-        ensureTracking(g);
+        rc = ensureTracking(g);
     }
-    mode_.store(mode, std::memory_order_relaxed);
+    if (rc >= 0) mode_.store(mode, std::memory_order_relaxed);
+    return rc;
 }
 
 DeviceData::LatencySet* DeviceData::acquireLatency() {
@@ -77,7 +95,10 @@ bool DeviceData::loadJournal(const std::string& path, const Geometry& g, std::st
         err = "the device is larger than its journalmax, so it has no journal";
         return false;
     }
-    ensureTracking(g);
+    if (ensureTracking(g) < 0 || journalRefused_) {
+        err = "there is no memory for the device's journal";
+        return false;
+    }
     if (!journalOwner_) {
         err = "the device reports no blocks yet, so it has no journal";
         return false;

@@ -39,8 +39,12 @@ public:
     bool carriesData() const { return carriesData_; }
 
     // Data mode of ioctl 118. Turning keyed compare on for the first time
-    // makes the write tracker and (within the limit) the journal.
-    void setMode(int mode, const Geometry& g);
+    // makes the write tracker and (within the limit) the journal. Returns
+    // MQB_OK; kNoJournal the one time the journal cannot be allocated (the
+    // mode is set, writes are checked without it); MQB_ERR_NO_MEMORY, mode
+    // unchanged, when the tracker cannot be.
+    static constexpr int kNoJournal = 1;
+    int setMode(int mode, const Geometry& g);
     int mode() const { return mode_.load(std::memory_order_relaxed); }
 
     WriteTracker* tracker() const { return tracker_.load(std::memory_order_acquire); }
@@ -65,10 +69,11 @@ public:
     bool loadJournal(const std::string& path, const Geometry& g, std::string& err);
 
 private:
-    void ensureTracking(const Geometry& g);  // lock_ held
+    int ensureTracking(const Geometry& g);  // lock_ held; result as setMode's
 
     uint64_t journalMax_ = kDefaultJournalMax;
     bool carriesData_ = true;
+    bool journalRefused_ = false;  // its allocation failed once; lock_ guards it
     std::atomic<int> mode_{0};
     std::atomic<uint64_t> seq_{1};
     std::atomic<uint64_t> miscompares_{0};

@@ -4,6 +4,7 @@
 #include <cstring>
 #include "KeyedBlock.h"
 #include "MQBErr.h"
+#include "backends/RelaxedCopy.h"
 #include "channel/Device.h"
 
 namespace mqb {
@@ -219,7 +220,9 @@ void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
     }
     if (p.opcode == scsi::kRead10 && p.userBuf) {
         const uint64_t bytes = uint64_t(p.tl) * p.bs;
-        std::memcpy(p.userBuf, p.buf.p.get(), size_t(p.userLen < bytes ? p.userLen : bytes));
+        // The caller's read buffer is the one every loop shares: other
+        // threads may be copying into it at the same moment.
+        relaxedCopy(p.userBuf, p.buf.p.get(), p.userLen < bytes ? p.userLen : bytes);
     }
     if (bad != kNone) {
         // The channel counts the failed command among the device's errors.
