@@ -250,13 +250,20 @@ void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
             tr->end(p.race, lo, hi);
         }
     } else if (p.flags & Pending::kTracked) {
-        tr->end(p.race, lo, hi);
+        // A reader stays in the table while it is judged, so a write that
+        // starts meanwhile (and may change the journal) shows in its hull.
+        tr->hull(p.race, lo, hi);
     }
     uint64_t bad = kNone;
     int kind = DeviceData::kStale;
     if ((p.flags & Pending::kCheck) && good) {
         if (p.opcode == scsi::kRead10) bad = firstBadBlock(dd.journal(), p.buf.p.get(), p.lba, p.tl, p.bs, lo, hi, kind);
         else bad = readBackVerdict(dev, p, lo, hi, kind);
+    }
+    if ((p.flags & Pending::kTracked) && !(p.flags & Pending::kWrite)) {
+        uint64_t lo2, hi2;
+        tr->end(p.race, lo2, hi2);
+        if (bad >= lo2 && bad < hi2) bad = kNone;  // a write came in while it was judged
     }
     if (p.opcode == scsi::kRead10 && p.userBuf) {
         const uint64_t bytes = uint64_t(p.tl) * p.bs;
