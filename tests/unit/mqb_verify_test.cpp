@@ -17,10 +17,10 @@
 #include "DeviceTable.h"
 #include "MQB.h"
 #include "MQBErr.h"
-#include "DataChecker.h"
-#include "KeyedBlock.h"
-#include "WriteJournal.h"
-#include "WriteTracker.h"
+#include "verify/DataChecker.h"
+#include "verify/KeyedBlock.h"
+#include "verify/WriteJournal.h"
+#include "verify/WriteTracker.h"
 
 namespace {
 using Bytes = std::vector<uint8_t>;
