@@ -143,6 +143,12 @@ bool passes(BlockCheck st, uint64_t seq, uint8_t v) {
     default: return false;
     }
 }
+// What a bad block held, as counted by DeviceData.
+int damageOf(BlockCheck st) {
+    return st == BlockCheck::Good ? DeviceData::kStale
+           : st == BlockCheck::WrongLba ? DeviceData::kWrongLba
+           : st == BlockCheck::BadCrc ? DeviceData::kTorn : DeviceData::kUnstamped;
+}
 }  // namespace
 
 uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, uint64_t lba,
@@ -156,9 +162,7 @@ uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, 
         const uint16_t e = j ? j->get(b) : 0;
         // In doubt: the state before the cut-off write passes too.
         if (passes(st, seq, uint8_t(e)) || ((e >> 8) && passes(st, seq, uint8_t((e >> 8) - 1)))) continue;
-        kind = st == BlockCheck::Good ? DeviceData::kStale
-               : st == BlockCheck::WrongLba ? DeviceData::kWrongLba
-               : st == BlockCheck::BadCrc ? DeviceData::kTorn : DeviceData::kUnstamped;
+        kind = damageOf(st);
         return b;
     }
     return kNone;
@@ -215,10 +219,7 @@ uint64_t DataChecker::readBackVerdict(Device& dev, const Pending& p, uint64_t lo
         if (std::memcmp(got + b * p.bs, stamped + b * p.bs, p.bs) != 0) {
             // Say what it holds instead, as a read would.
             uint64_t seq = 0;
-            const BlockCheck st = checkBlock(got + b * p.bs, p.bs, p.lba + b, seq);
-            kind = st == BlockCheck::Good ? DeviceData::kStale
-                   : st == BlockCheck::WrongLba ? DeviceData::kWrongLba
-                   : st == BlockCheck::BadCrc ? DeviceData::kTorn : DeviceData::kUnstamped;
+            kind = damageOf(checkBlock(got + b * p.bs, p.bs, p.lba + b, seq));
             return p.lba + b;
         }
     }

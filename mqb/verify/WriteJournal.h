@@ -78,8 +78,9 @@ public:
     bool save(const std::string& path, uint64_t nextSeq, std::string& err) const;
     // Replaces the entries with those of the file at `path`, which must be a
     // regular file saved for this device (same block count, block size and
-    // identity, exact length). Returns false with `err` (journal unchanged);
-    // sets `nextSeq` to the saved sequence.
+    // identity, exact length). Returns false with `err`: the journal is
+    // unchanged when the file is refused, and emptied when reading it failed
+    // midway. Sets `nextSeq` to the saved sequence.
     bool load(const std::string& path, uint64_t& nextSeq, std::string& err);
 
 private:

@@ -16,7 +16,8 @@
 //    in flight (those blocks are not judged).
 // The hull is one range: several races of one command cover the blocks
 // between them too. Nothing is locked or allocated; a command costs a claim
-// and a scan of the entries in use (about the queue depth).
+// and a scan of the entries up to the highest ever in use (about the most
+// commands the device has had in flight at once).
 //
 // When the table is full (more commands in flight on one device than it
 // holds) the command goes untracked, and every command in flight meanwhile
