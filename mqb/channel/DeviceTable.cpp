@@ -100,7 +100,7 @@ std::unique_ptr<Backend> makeBackend(const std::string& spec, CommonKeys& keys, 
     }
     if (type == "file") return FileDisk::open(params, err);
     if (type == "sg") return SgDisk::open(params, err);
-    if (type == "iscsi") return IscsiDisk::open(spec, err);
+    if (type == "iscsi") return IscsiDisk::open(type + ":" + params, err);  // the URL, less the common keys
     err = "unknown device type \"" + type + "\"";
     return nullptr;
 }
