@@ -182,6 +182,10 @@ void Device::stats(DeviceStats& s) const {
     s.fastReads = fastReads_.load(std::memory_order_relaxed);
     s.dataMode = dataMode_.load(std::memory_order_relaxed);
     s.miscompares = data_.miscompares();
+    s.staleBlocks = data_.damage(DeviceData::kStale);
+    s.wrongLbaBlocks = data_.damage(DeviceData::kWrongLba);
+    s.tornBlocks = data_.damage(DeviceData::kTorn);
+    s.unstampedBlocks = data_.damage(DeviceData::kUnstamped);
 }
 
 void Device::traceStart(uint64_t limit) {
