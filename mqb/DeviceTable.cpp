@@ -34,12 +34,15 @@ struct CommonKeys {
     uint64_t journalMax = DeviceData::kDefaultJournalMax;
     bool     carriesData = true;   // reads give back what was written
     bool     recordLatency = true;
+    int      cdbForm = 0;          // "cdb=10|16": the one CDB form of data commands
 };
 
-// Takes the common "journalmax=BYTES" item out of a comma-separated spec
-// tail, so the backend parsers never see it. False with `err` on a bad value.
+// Takes the common "journalmax=BYTES" and "cdb=10|16" items out of a
+// comma-separated spec tail, so the backend parsers never see them. False
+// with `err` on a bad value.
 bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
     static const std::string kKey = "journalmax=";
+    static const std::string kCdbKey = "cdb=";
     std::string rest;
     bool first = true;
     size_t pos = 0;
@@ -59,6 +62,13 @@ bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
                 return false;
             }
             keys.journalMax = v;
+        } else if (item.compare(0, kCdbKey.size(), kCdbKey) == 0) {
+            const std::string text = item.substr(kCdbKey.size());
+            if (text != "10" && text != "16") {
+                err = "bad value \"" + text + "\" for device spec key \"cdb\" (10 or 16)";
+                return false;
+            }
+            keys.cdbForm = text == "10" ? 10 : 16;
         } else {
             // Everything else goes on unchanged, commas and all (a path may hold them).
             rest += first ? item : "," + item;
@@ -92,7 +102,7 @@ std::unique_ptr<Backend> makeBackend(const std::string& spec, CommonKeys& keys, 
     }
     if (type == "file") return FileDisk::open(params, err);
     if (type == "sg") return SgDisk::open(params, err);
-    if (type == "iscsi") return IscsiDisk::open(spec, err);
+    if (type == "iscsi") return IscsiDisk::open(type + ":" + params, err);  // common keys out
     err = "unknown device type \"" + type + "\"";
     return nullptr;
 }
@@ -112,6 +122,7 @@ int addDevice(const std::string& spec, std::string& err) {
     if (!be) return -1;
     auto dev = std::make_unique<Device>(spec, std::move(be));
     dev->data().configure(keys.journalMax, keys.carriesData, keys.recordLatency);
+    dev->setCdbForm(keys.cdbForm);
     Table& t = table();
     std::lock_guard<std::mutex> g(t.lock);
     t.devices.push_back(std::move(dev));
