@@ -4,7 +4,7 @@
 #include "SimQueue.h"
 #include "MQBErr.h"
 #include "SimDisk.h"
-#include "SteadyClock.h"
+#include "latency/SteadyClock.h"
 
 namespace mqb {
 

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <cstring>
 #include <vector>
-#include "Crc32c.h"
-#include "KeyedBlock.h"
+#include "verify/Crc32c.h"
+#include "verify/KeyedBlock.h"
 
 namespace {
 using Bytes = std::vector<uint8_t>;

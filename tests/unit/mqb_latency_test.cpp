@@ -2,7 +2,7 @@
 // merging and reset.
 #include <gtest/gtest.h>
 #include <cmath>
-#include "LatencyHistogram.h"
+#include "latency/LatencyHistogram.h"
 
 using mqb::LatencyHistogram;
 

@@ -12,8 +12,8 @@
 #include "DeviceTable.h"
 #include "MQB.h"
 #include "MQBErr.h"
-#include "WriteJournal.h"
-#include "WriteTracker.h"
+#include "verify/WriteJournal.h"
+#include "verify/WriteTracker.h"
 
 namespace {
 using Bytes = std::vector<uint8_t>;

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string>
 #include <vector>
-#include "Backend.h"
+#include "backends/Backend.h"
 #include "DeviceData.h"
 #include "DeviceTable.h"
 

@@ -6,8 +6,8 @@
 #pragma once
 #include <chrono>
 #include <cstdint>
-#include "CmdTicket.h"
-#include "DeviceData.h"
+#include "channel/CmdTicket.h"
+#include "channel/DeviceData.h"
 
 namespace mqb {
 

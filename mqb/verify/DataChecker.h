@@ -27,8 +27,8 @@
 #include <cstdlib>
 #include <memory>
 #include <vector>
-#include "CmdTicket.h"
-#include "backends/Device.h"
+#include "channel/CmdTicket.h"
+#include "channel/Device.h"
 
 namespace mqb {
 

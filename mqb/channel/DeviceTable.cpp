@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
-#include "backends/Device.h"
+#include "Device.h"
 #include "backends/FileDisk.h"
 #include "backends/IscsiDisk.h"
 #include "backends/SgDisk.h"

@@ -1,6 +1,6 @@
 // DataControl.cpp: host controls over latency figures and the journal.
 #include "DataControl.h"
-#include "backends/Device.h"
+#include "channel/Device.h"
 
 namespace mqb {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include "KeyedBlock.h"
 #include "MQBErr.h"
-#include "backends/Device.h"
+#include "channel/Device.h"
 
 namespace mqb {
 

@@ -1,6 +1,6 @@
 // LatencyRecorder.cpp: per-channel latency recording.
 #include "LatencyRecorder.h"
-#include "backends/Device.h"
+#include "channel/Device.h"
 
 namespace mqb {
 

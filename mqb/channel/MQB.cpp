@@ -22,13 +22,13 @@
 #include <cstdio>
 #include <cstring>
 #include <vector>
-#include "DataChecker.h"
+#include "verify/DataChecker.h"
 #include "DeviceTable.h"
-#include "LatencyRecorder.h"
+#include "latency/LatencyRecorder.h"
 #include "MQBErr.h"
 #include "Scsi.h"
-#include "SteadyClock.h"
-#include "backends/Device.h"
+#include "latency/SteadyClock.h"
+#include "Device.h"
 #include "backends/Queue.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include <mutex>
 #include <string>
 #include <vector>
-#include "LatencyHistogram.h"
-#include "WriteJournal.h"
-#include "WriteTracker.h"
+#include "latency/LatencyHistogram.h"
+#include "verify/WriteJournal.h"
+#include "verify/WriteTracker.h"
 #include "backends/Backend.h"
 
 namespace mqb {
