@@ -161,14 +161,21 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
 
     // A forced form must carry every command of the run, the end-of-pass
     // command one past maxLba included; nothing is cut to fit.
-    if (cdbForm == 10 && (maxLba >= scsi::kMaxLba10 || maxTL > scsi::kMaxTl10)) {
+    if (cdbForm == 10 && maxLba >= scsi::kMaxLba10) {
         snprintf(msg, sizeof msg,
-                 "KIV: <E> Device %d is set to cdb=10, which cannot carry LBA %llu or "
-                 "transfer length %llu: use cdb=16 or a smaller range",
-                 deviceIdx_, (unsigned long long)maxLba + 1, (unsigned long long)maxTL);
+                 "KIV: <E> Device %d: cdb=10 cannot carry LBA %llu; use cdb=16 or a smaller "
+                 "-lba range",
+                 deviceIdx_, (unsigned long long)maxLba + 1);
         { fail(); return; }
     }
-    if (maxTL > scsi::kMaxTl16) {
+    if (cdbForm == 10 && maxTL > scsi::kMaxTl10) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Device %d: cdb=10 cannot carry a transfer of %llu blocks; use "
+                 "cdb=16 or a smaller -translen",
+                 deviceIdx_, (unsigned long long)maxTL);
+        { fail(); return; }
+    }
+    if (maxTL > scsi::kMaxTl16) {  // a negative length from the caller, sign-extended
         snprintf(msg, sizeof msg,
                  "KIV: <E> Transfer length %llu does not fit a 16-byte CDB",
                  (unsigned long long)maxTL);

@@ -86,10 +86,11 @@ TEST(LoopSetup, SixtyFourBitRangesAndAForcedCdbForm) {
     std::unique_ptr<KIVLoop> l;
     msg = capture([&] { l = makeLoop(forced, LoopCfg().lba(0, 4294967294.0)); });
     EXPECT_EQ(std::make_pair(l->running.load(), l->cdbForm), std::make_pair(true, 10));
-    for (LoopCfg c : {LoopCfg().lba(0, 4294967295.0), LoopCfg().lba(0, 1000).tl(1, 65536)}) {
+    const std::string dev = "KIV: <E> Device " + std::to_string(forced.dev) + ": cdb=10 cannot carry ";
+    for (auto [c, text] : {std::pair{LoopCfg().lba(0, 4294967295.0), "LBA 4294967296; use cdb=16 or a smaller -lba range"},
+                           {LoopCfg().lba(0, 1000).tl(1, 65536), "a transfer of 65536 blocks; use cdb=16 or a smaller -translen"}}) {
         msg = capture([&] { l = makeLoop(forced, c); });
-        EXPECT_NE(msg.find("KIV: <E> Device " + std::to_string(forced.dev) +
-                           " is set to cdb=10, which cannot carry"), std::string::npos) << msg;
+        EXPECT_NE(msg.find(dev + text + "\n"), std::string::npos) << msg;
         EXPECT_EQ(std::make_pair(l->running.load(), l->errCount.load()), std::make_pair(false, -1));
     }
 }
