@@ -20,6 +20,7 @@
 #include "MQBErr.h"
 #include "MQBManager.h"
 #include "kiv_version.h"
+#include "metrics/MetricsCommand.h"
 
 namespace {
 
@@ -635,10 +636,10 @@ namespace {
 int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static const char* const subs[] = {"add", "buffer", "clone", "close", "current", "devices",
                                        "driver", "fault", "info", "journal", "latency", "lock",
-                                       "open", "recvbuffer", "reset", "select", "sendbuffer",
+                                       "metrics", "open", "recvbuffer", "reset", "select", "sendbuffer",
                                        "stats", "trace", "version", nullptr};
     enum { ADD, BUFFER, CLONE, CLOSE, CURRENT, DEVICES, DRIVER, FAULT, INFO, JOURNAL, LATENCY,
-           LOCK, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
+           LOCK, METRICS, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
     auto* host = static_cast<KivHost*>(clientData);
     if (objc < 2) { Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?"); return TCL_ERROR; }
     int which;
@@ -657,6 +658,7 @@ int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* co
     case JOURNAL:    return cmdJournal(interp, objc, objv);
     case LATENCY:    return cmdLatency(interp, objc, objv);
     case LOCK:       return cmdLock(interp, objc, objv);
+    case METRICS:    return kivmetrics::cmdMetrics(interp, objc, objv);
     case OPEN:       return cmdOpen(host, interp, objc, objv);
     case RECVBUFFER: return cmdBufferIndex(host, interp, objc, objv, false);
     case RESET:      return cmdReset(interp, objc, objv);
