@@ -32,8 +32,8 @@ public:
     KIVLoop*        loops[255];
 
     // Statistics state
-    uint32_t prevOps[255];
-    uint32_t curOps[255];
+    uint64_t prevOps[255];
+    uint64_t curOps[255];
     uint64_t prevBlocks[255];
     uint64_t curBlocks[255];
     int      secondsPerReport;

@@ -38,7 +38,7 @@ Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, Channe
     if (slowPath_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> g(lock_);
         if (tracing_ && trace_.size() < traceLimit_)
-            trace_.push_back(TraceEntry{c.opcode, c.lba, c.tl, tag});
+            trace_.push_back(TraceEntry{c.cdb ? c.cdb[0] : c.opcode, c.lba, c.tl, tag});
         bool refused = false;
         if (applyFaults(c, out, refused, delayUs)) {
             C::bump(k.errors);

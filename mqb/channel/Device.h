@@ -69,6 +69,10 @@ public:
     const DeviceData& data() const { return data_; }
     const std::string& spec() const { return spec_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
+    // The CDB form the device text forces on data commands: 10, 16, or 0 for
+    // whichever carries each command.
+    int cdbForm() const { return cdbForm_; }
+    void setCdbForm(int form) { cdbForm_ = form; }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
 
     // The states the last ioctls of any channel left on the device.
@@ -98,6 +102,7 @@ private:
     std::string spec_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
+    int cdbForm_ = 0;  // set once, before the device is in the table
     DeviceData data_;
 
     std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change

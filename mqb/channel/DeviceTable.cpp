@@ -35,13 +35,14 @@ struct CommonKeys {
     bool     carriesData = true;   // reads give back what was written
     bool     recordLatency = true;
     std::string journalPath;       // journal=PATH: the journal in a file
+    int      cdbForm = 0;          // "cdb=10|16": the one CDB form of data commands
 };
 
-// Takes the common "journalmax=BYTES" and "journal=PATH" items out of a
-// comma-separated device text tail, so the backend parsers never see them.
-// False with `err` on a bad value.
+// Takes the common "journalmax=BYTES", "journal=PATH" and "cdb=10|16" items
+// out of a comma-separated device text tail, so the backend parsers never
+// see them. False with `err` on a bad value.
 bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
-    static const std::string kKey = "journalmax=", kPath = "journal=";
+    static const std::string kKey = "journalmax=", kPath = "journal=", kCdbKey = "cdb=";
     std::string rest;
     bool first = true;
     size_t pos = 0;
@@ -67,6 +68,13 @@ bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
                 err = "empty path for device spec key \"journal\"";
                 return false;
             }
+        } else if (item.compare(0, kCdbKey.size(), kCdbKey) == 0) {
+            const std::string text = item.substr(kCdbKey.size());
+            if (text != "10" && text != "16") {
+                err = "bad value \"" + text + "\" for device spec key \"cdb\" (10 or 16)";
+                return false;
+            }
+            keys.cdbForm = text == "10" ? 10 : 16;
         } else {
             // Everything else goes on unchanged, commas and all (a path may hold them).
             rest += first ? item : "," + item;
@@ -132,6 +140,7 @@ int addDevice(const std::string& spec, std::string& err) {
         }
     }
     if (!dev->data().setJournalFile(keys.journalPath, identity, dev->backend().geometry(), err)) return -1;
+    dev->setCdbForm(keys.cdbForm);
     Table& t = table();
     std::lock_guard<std::mutex> g(t.lock);
     t.devices.push_back(std::move(dev));

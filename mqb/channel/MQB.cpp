@@ -458,6 +458,7 @@ int MQB::getDeviceInfo(DeviceInfo* info) {
     info->capacity = g.blocks ? g.blocks - 1 : 0;
     info->blockSize = g.blockSize;
     info->index = impl_->devIdx;
+    info->cdbForm = d->cdbForm();
     std::snprintf(info->backend, sizeof info->backend, "%s", d->backend().kind());
     return MQB_OK;
 }
@@ -485,7 +486,9 @@ int MQB::send(unsigned char* record) {
     Slot& s = m.slots[idx];
     std::memcpy(s.cdb, record + mqbrec::kCdb, 16);
     s.cdbLen = cdbLen;
-    s.opcode = s.cdb[0];
+    // What the command does: a 16-byte data command as its 10-byte kind (the
+    // CDB keeps what was sent, for the trace and the pass-through devices).
+    s.opcode = scsi::dataFamily(s.cdb[0]);
     s.tag = ld32(record + mqbrec::kTag);
     s.dev = d;
     s.lane = nullptr;
@@ -496,9 +499,12 @@ int MQB::send(unsigned char* record) {
     c.cdb = s.cdb;
     c.cdbLen = cdbLen;
     c.opcode = s.opcode;
-    if (cdbLen >= 9) {
-        c.lba = scsi::be32(s.cdb + 2);
-        c.tl = scsi::be16(s.cdb + 7);
+    if (!scsi::getDataCdb(s.cdb, cdbLen, c.lba, c.tl)) {
+        if (s.opcode != s.cdb[0]) c.opcode = s.opcode = s.cdb[0];  // 16-byte opcode, short CDB
+        if (cdbLen >= 9) {
+            c.lba = scsi::be32(s.cdb + 2);
+            c.tl = scsi::be16(s.cdb + 7);
+        }
     }
     c.readBuf = ldPtr<uint8_t>(record + mqbrec::kReadBuf);
     c.readLen = ld64(record + mqbrec::kReadLen);

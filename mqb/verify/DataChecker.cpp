@@ -177,15 +177,11 @@ bool DataChecker::readBackCommand(Device& dev, const Outcome& out, CmdTicket& tk
     dev.data().tracker()->hull(p.race, lo, hi);
     if (lo <= p.lba && hi >= p.lba + p.tl) return false;  // nothing left to judge
     if (!grow(p.rb, uint64_t(p.tl) * p.bs)) return false;  // out of memory: no verdict
-    p.rbCdb[0] = scsi::kRead10;
-    p.rbCdb[1] = 0;
-    scsi::putBe32(p.rbCdb + 2, uint32_t(p.lba));
-    p.rbCdb[6] = 0;
-    scsi::putBe16(p.rbCdb + 7, uint16_t(p.tl));
-    p.rbCdb[9] = 0;
+    // In the form the device's commands take: 16 bytes where forced or needed.
+    const bool sixteen = dev.cdbForm() == 16 || !scsi::fits10(p.lba, p.tl);
     rc = Command();
+    rc.cdbLen = scsi::putDataCdb(p.rbCdb, scsi::kRead10, 0, p.lba, p.tl, sixteen);
     rc.cdb = p.rbCdb;
-    rc.cdbLen = 10;
     rc.opcode = scsi::kRead10;
     rc.lba = p.lba;  // the 10-byte form: the channel sends only what fits it
     rc.tl = p.tl;

@@ -114,7 +114,7 @@ private:
         uint8_t  opcode = 0, flags = 0;
         Buf      rb;                // read-back of a VERIFY or WRITE AND VERIFY
         Outcome  rbOut;
-        uint8_t  rbCdb[10] = {};
+        uint8_t  rbCdb[16] = {};
     };
     static constexpr int kRecs = 256;          // at most one per command in flight
 
