@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "KIVLoop.h"
+#include "Metrics.h"
 
 namespace {
 const char kDevLabel[] = ".kivstat.frame.cframe.canvas.frame.device";
@@ -49,6 +50,7 @@ void KIVControl::analyze(bool final) {
 
     uint32_t now = getMS();
     elapsedSec = (int32_t)now / 1000 - (int32_t)time_start / 1000;
+    mqb::runElapsed(elapsedSec);  // for a monitoring endpoint
 
     if (elapsedSec >= nextReportSec || final) {
         // Worked in 64 bits: a report spacing near INT_MAX must not wrap the
@@ -75,6 +77,7 @@ void KIVControl::analyze(bool final) {
             // 64-bit too: hundredths of a fast device's rate exceed 2^32.
             uint64_t whole = (uint64_t)mbPerSec;
             uint64_t hundredths = (uint64_t)((double)mbPerSec * 100.0) - whole * 100;
+            mqb::runPass(i, l->deviceIdx, opsPerSec, mbPerSec);
 
             uint32_t cmd = l->lastCmd.load(std::memory_order_relaxed);
             const char* cmdName = cmd < 5 ? cmdstr[cmd] : "???";
@@ -83,7 +86,7 @@ void KIVControl::analyze(bool final) {
             uint32_t errs = (uint32_t)l->errCount.load(std::memory_order_relaxed);
             bool loopRunning = l->running.load(std::memory_order_relaxed);
 
-            snprintf(tbuff, sizeof tbuff, "%4u %5s %3s %9u %9zu %4zu %4u %8" PRIu64 " %3" PRIu64 ".%02" PRIu64 " %7u",
+            snprintf(tbuff, sizeof tbuff, "%4u %5s %3s %9" PRIu64 " %9zu %4zu %4u %8" PRIu64 " %3" PRIu64 ".%02" PRIu64 " %7u",
                      l->deviceIdx, testLabel, cmdName, curOps[i], (size_t)lba, (size_t)tl,
                      (unsigned)elapsedSec, opsPerSec, whole, hundredths, errs);
 
@@ -117,7 +120,7 @@ void KIVControl::analyze(bool final) {
                 Tcl_SetVar2(interp, "kiv_test_type", nullptr, testLabel, 0);
                 snprintf(tbuff, sizeof tbuff, "%u", cmd);
                 Tcl_SetVar2(interp, "kiv_last_cmd", nullptr, tbuff, 0);
-                snprintf(tbuff, sizeof tbuff, "%u", curOps[i]);
+                snprintf(tbuff, sizeof tbuff, "%" PRIu64, curOps[i]);
                 Tcl_SetVar2(interp, "kiv_ops", nullptr, tbuff, 0);
                 snprintf(tbuff, sizeof tbuff, "%zu", (size_t)lba);
                 Tcl_SetVar2(interp, "kiv_last_lba", nullptr, tbuff, 0);

@@ -20,6 +20,7 @@
 #include "MQBErr.h"
 #include "MQBManager.h"
 #include "kiv_version.h"
+#include "metrics/MetricsCommand.h"
 
 namespace {
 
@@ -474,6 +475,10 @@ int cmdStats(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "fast_reads", Tcl_NewBooleanObj(s.fastReads));
     dictPut(interp, d, "data_mode", Tcl_NewIntObj(s.dataMode));
     dictPut(interp, d, "miscompares", wideObj(s.miscompares));
+    dictPut(interp, d, "miscompare_stale", wideObj(s.staleBlocks));
+    dictPut(interp, d, "miscompare_wrong_lba", wideObj(s.wrongLbaBlocks));
+    dictPut(interp, d, "miscompare_torn", wideObj(s.tornBlocks));
+    dictPut(interp, d, "miscompare_unstamped", wideObj(s.unstampedBlocks));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
 }
@@ -495,7 +500,7 @@ int cmdTrace(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     switch (which) {
     case START: {
         Tcl_WideInt limit = 0;
-        if (objc == 5 && getCount(interp, objv[4], "trace limit", INT64_MAX, limit) != TCL_OK)
+        if (objc == 5 && getCount(interp, objv[4], "trace limit", Tcl_WideInt(mqb::kMaxTraceLimit), limit) != TCL_OK)
             return TCL_ERROR;
         mqb::traceStart(idx, uint64_t(limit));
         return TCL_OK;
@@ -602,18 +607,37 @@ int cmdLatency(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     return TCL_OK;
 }
 
-// mqb journal IDX save|load FILE: the device's lost-write journal to or
-// from a file.
+// mqb journal IDX save|load FILE, mqb journal IDX info: the device's
+// lost-write journal to or from a file, or what it knows.
 int cmdJournal(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    static const char* const subs[] = {"save", "load", nullptr};
-    if (objc != 5) { Tcl_WrongNumArgs(interp, 2, objv, "IDX save|load FILE"); return TCL_ERROR; }
+    static const char* const subs[] = {"save", "load", "info", nullptr};
+    enum { SAVE, LOAD, INFO };
+    if (objc < 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX save|load FILE | IDX info"); return TCL_ERROR; }
     int idx, which;
     if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
     if (Tcl_GetIndexFromObj(interp, objv[3], subs, "journal subcommand", 0, &which) != TCL_OK)
         return TCL_ERROR;
+    if (objc != (which == INFO ? 4 : 5)) {
+        Tcl_WrongNumArgs(interp, 4, objv, which == INFO ? nullptr : "FILE");
+        return TCL_ERROR;
+    }
     std::string err;
+    if (which == INFO) {
+        mqb::JournalInfo ji;
+        if (!mqb::journalInfo(idx, ji, err))
+            return fail(interp, "no journal for device " + std::to_string(idx) + ": " + err);
+        Tcl_Obj* d = Tcl_NewDictObj();
+        dictPut(interp, d, "known", wideObj(ji.known));
+        dictPut(interp, d, "ambiguous", wideObj(ji.ambiguous));
+        dictPut(interp, d, "in_doubt", wideObj(ji.inDoubt));
+        dictPut(interp, d, "unknown", wideObj(ji.unknown));
+        dictPut(interp, d, "memory", wideObj(ji.residentBytes));
+        dictPut(interp, d, "file", Tcl_NewStringObj(ji.file.c_str(), -1));
+        Tcl_SetObjResult(interp, d);
+        return TCL_OK;
+    }
     const std::string path = Tcl_GetString(objv[4]);
-    const bool ok = which == 0 ? mqb::journalSave(idx, path, err) : mqb::journalLoad(idx, path, err);
+    const bool ok = which == SAVE ? mqb::journalSave(idx, path, err) : mqb::journalLoad(idx, path, err);
     if (!ok)
         return fail(interp, std::string("cannot ") + subs[which] + " the journal of device " +
                                 std::to_string(idx) + ": " + err);
@@ -635,10 +659,10 @@ namespace {
 int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static const char* const subs[] = {"add", "buffer", "clone", "close", "current", "devices",
                                        "driver", "fault", "info", "journal", "latency", "lock",
-                                       "open", "recvbuffer", "reset", "select", "sendbuffer",
+                                       "metrics", "open", "recvbuffer", "reset", "select", "sendbuffer",
                                        "stats", "trace", "version", nullptr};
     enum { ADD, BUFFER, CLONE, CLOSE, CURRENT, DEVICES, DRIVER, FAULT, INFO, JOURNAL, LATENCY,
-           LOCK, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
+           LOCK, METRICS, OPEN, RECVBUFFER, RESET, SELECT, SENDBUFFER, STATS, TRACE, VERSION };
     auto* host = static_cast<KivHost*>(clientData);
     if (objc < 2) { Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?"); return TCL_ERROR; }
     int which;
@@ -657,6 +681,7 @@ int mqbDispatch(ClientData clientData, Tcl_Interp* interp, int objc, Tcl_Obj* co
     case JOURNAL:    return cmdJournal(interp, objc, objv);
     case LATENCY:    return cmdLatency(interp, objc, objv);
     case LOCK:       return cmdLock(interp, objc, objv);
+    case METRICS:    return kivmetrics::cmdMetrics(interp, objc, objv);
     case OPEN:       return cmdOpen(host, interp, objc, objv);
     case RECVBUFFER: return cmdBufferIndex(host, interp, objc, objv, false);
     case RESET:      return cmdReset(interp, objc, objv);

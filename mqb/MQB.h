@@ -31,7 +31,10 @@ enum MQBIoctl {
     MQB_IOCTL_MAX_DEPTH  = 106,  // (int* depth): largest number of commands outstanding
     MQB_IOCTL_DATA_MODE  = 118,  // (int* mode, int* arg, unsigned char* flag): 0 off,
                                  //   3 hardware generation, 6 hardware compare with
-                                 //   keyed LBAs, 11 repeat of user data
+                                 //   keyed LBAs, 11 repeat of user data. Mode 6
+                                 //   gives 1 (set, no lost-write journal) the one
+                                 //   time the journal cannot be allocated, and
+                                 //   MQB_ERR_NO_MEMORY when its tracker cannot be
     MQB_IOCTL_FAST_READS = 119,  // (unsigned char* v): 0 on, 1 off
     MQB_IOCTL_CLONE      = 131,  // (MQB** out): a new object, same driver and device
 };

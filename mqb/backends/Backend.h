@@ -11,7 +11,10 @@ namespace mqb {
 class Queue;
 
 // One command as the channel hands it to a device: the parsed CDB fields plus
-// the caller's data buffers. Nothing here is owned.
+// the caller's data buffers. Nothing here is owned. `opcode` is what the
+// command does: READ(16), WRITE(16), WRITE AND VERIFY(16) and VERIFY(16) come
+// as their 10-byte opcodes, with `lba` and `tl` read from their own fields;
+// `cdb` is what was sent.
 struct Command {
     const uint8_t* cdb = nullptr;
     uint8_t        cdbLen = 0;
@@ -61,6 +64,10 @@ public:
     virtual const char* kind() const = 0;
     // True when data moves past the page cache (O_DIRECT).
     virtual bool direct() const { return false; }
+    // How long the device may take over one command before it counts as
+    // timed out: the most a delay fault may hold a completion back.
+    virtual uint32_t commandTimeoutSec() const { return kDefaultCommandTimeoutSec; }
+    static constexpr uint32_t kDefaultCommandTimeoutSec = 30;
 };
 
 // Shared SBC pieces of the block backends (Sbc.cpp).
@@ -100,9 +107,12 @@ void readCapacity(const Command& cmd, uint64_t blocks, uint32_t blockSize);
 void invalidOpcode(Outcome& out);
 }  // namespace sbc
 
-// Builds fixed-format sense (0x70) into `out`: `len` bytes (18, or 32 with
-// the UEC in bytes 20-21). With `valid`, sets the VALID bit and INFORMATION
-// (bytes 3-6, capped at 0xFFFFFFFF). Sets out.status to CHECK CONDITION (-16).
+// Builds sense into `out` and sets out.status to CHECK CONDITION (-16).
+// Fixed format (0x70), `len` bytes (18, or 32 with the UEC in bytes 20-21),
+// with `valid` the VALID bit and INFORMATION in bytes 3-6; an INFORMATION
+// above 32 bits goes in descriptor format (0x72) instead: the information
+// descriptor (VALID, 8 bytes) and, for the long form, our vendor descriptor
+// 0x80 with the UEC in its bytes 2-3 (20 or 32 bytes in all).
 void buildFixedSense(Outcome& out, uint8_t key, scsi::Asc code, bool valid = false,
                      uint64_t info = 0, uint16_t uec = 0, int len = scsi::kLongSense);
 

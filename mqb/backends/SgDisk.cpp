@@ -6,8 +6,10 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include "MQBErr.h"
 #include "SgQueue.h"
@@ -35,7 +37,7 @@ bool isUnitAttention(const Outcome& o) {
 }  // namespace
 
 void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, void* data,
-                         unsigned len, Outcome& out) {
+                         unsigned len, unsigned timeoutMs, Outcome& out) {
     sg_io_hdr_t h;
     std::memset(&h, 0, sizeof h);
     h.interface_id = 'S';
@@ -46,7 +48,7 @@ void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, vo
     h.dxfer_len = len;
     h.sbp = out.sense;
     h.mx_sb_len = kMaxSense;
-    h.timeout = kTimeoutMs;
+    h.timeout = timeoutMs;
     if (::ioctl(fd, SG_IO, &h) < 0) {
         out.status = MQB_ERR_IO;
         out.senseLen = 0;
@@ -55,7 +57,22 @@ void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, vo
     mapSgResult(h, out);
 }
 
-std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err) {
+std::unique_ptr<Backend> SgDisk::open(const std::string& params, std::string& err) {
+    std::string path = params;
+    unsigned timeoutMs = kTimeoutMs;
+    const size_t opt = path.rfind(",timeout=");
+    if (opt != std::string::npos) {
+        const std::string v = path.substr(opt + 9);
+        char* end = nullptr;
+        const unsigned long sec = std::strtoul(v.c_str(), &end, 10);
+        if (v.empty() || !std::isdigit(static_cast<unsigned char>(v[0])) || *end != '\0' ||
+            sec < 1 || sec > 3600) {
+            err = "bad value \"" + v + "\" for device text key \"timeout\" (1 to 3600 seconds)";
+            return nullptr;
+        }
+        timeoutMs = unsigned(sec) * 1000;
+        path.resize(opt);
+    }
     if (path.empty()) {
         err = "sg device needs a path";
         return nullptr;
@@ -78,7 +95,7 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
     uint8_t cdb10[10] = {scsi::kReadCapacity10};
     Outcome out;
     for (int tries = 0; tries < 4; ++tries) {
-        passThrough(fd, cdb10, sizeof cdb10, SG_DXFER_FROM_DEV, data, 8, out);
+        passThrough(fd, cdb10, sizeof cdb10, SG_DXFER_FROM_DEV, data, 8, timeoutMs, out);
         if (!isUnitAttention(out)) break;
     }
     Geometry geo;
@@ -86,7 +103,8 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
         // Too large for 10 bytes: READ CAPACITY(16) gives a 64-bit last LBA.
         uint8_t cdb16[16] = {scsi::kServiceActionIn16, scsi::kSaReadCapacity16};
         cdb16[13] = sizeof data;
-        passThrough(fd, cdb16, sizeof cdb16, SG_DXFER_FROM_DEV, data, sizeof data, out);
+        passThrough(fd, cdb16, sizeof cdb16, SG_DXFER_FROM_DEV, data, sizeof data, timeoutMs,
+                    out);
         geo.blocks = scsi::be64(data) + 1;
         geo.blockSize = scsi::be32(data + 8);
     } else {
@@ -106,7 +124,7 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
         return nullptr;
     }
     ::close(fd);
-    return std::unique_ptr<Backend>(new SgDisk(path, geo));
+    return std::unique_ptr<Backend>(new SgDisk(path, geo, timeoutMs));
 }
 
 std::unique_ptr<Queue> SgDisk::openQueue(int depth) {
@@ -116,7 +134,7 @@ std::unique_ptr<Queue> SgDisk::openQueue(int depth) {
             std::string err;
             return openSgPort(path, err);
         },
-        depth, kTimeoutMs);
+        depth, timeoutMs_);
 }
 
 }  // namespace mqb

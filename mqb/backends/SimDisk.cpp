@@ -19,6 +19,7 @@ namespace {
 constexpr uint64_t kMaxBlocks = 1ULL << 48;
 constexpr uint64_t kMaxBlockSize = 1ULL << 20;
 constexpr uint64_t kMaxLatencyUs = 10000000;  // ten seconds
+constexpr uint64_t kMaxTimeoutSec = 3600;     // an hour
 
 // Parses a whole decimal or 0x-prefixed number; false on junk or overflow.
 bool parseNumber(const std::string& s, uint64_t& v) {
@@ -66,6 +67,9 @@ bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err)
             if (ok) cfg.store = v == 1;
         } else if (key == "storemax") {
             if (ok) cfg.storeMax = v;
+        } else if (key == "timeout") {
+            ok = ok && v >= 1 && v <= kMaxTimeoutSec;
+            if (ok) cfg.timeoutSec = uint32_t(v);
         } else {
             err = "unknown device spec key \"" + key + "\"";
             return false;

@@ -11,6 +11,8 @@
 #include "backends/Backend.h"
 #include "DeviceData.h"
 #include "DeviceTable.h"
+#include "Metrics.h"
+#include "channel/SenseTally.h"
 
 namespace mqb {
 
@@ -22,6 +24,7 @@ struct ChannelCounters {
     Counter commands{0}, reads{0}, writes{0}, wrvs{0}, verifies{0}, other{0};
     Counter blocksRead{0}, blocksWritten{0}, errors{0};
     Counter atDevice{0};  // the channel's commands at the device now
+    SenseTally sense;     // failed commands by sense key / ASC / ASCQ
     bool inUse = false;   // owned by a channel; the device's lock_ guards it
 
     static void bump(Counter& c, uint64_t n = 1) {
@@ -66,6 +69,10 @@ public:
     const DeviceData& data() const { return data_; }
     const std::string& spec() const { return spec_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
+    // The CDB form the device text forces on data commands: 10, 16, or 0 for
+    // whichever carries each command.
+    int cdbForm() const { return cdbForm_; }
+    void setCdbForm(int form) { cdbForm_ = form; }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
 
     // The states the last ioctls of any channel left on the device.
@@ -83,6 +90,9 @@ public:
     void traceGet(std::vector<TraceEntry>& out);
     void traceClear();
     void reset();
+    // The counters summed over every channel, read without taking lock_ (which
+    // the command path takes while faults or a trace are set): for monitoring.
+    void metrics(DeviceMetrics& out) const;
 
 private:
     using Counter = std::atomic<uint64_t>;
@@ -92,6 +102,7 @@ private:
     std::string spec_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
+    int cdbForm_ = 0;  // set once, before the device is in the table
     DeviceData data_;
 
     std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change

@@ -218,9 +218,18 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
             complete(int(tokens[i]));
             continue;
         }
-        // A delay fault rule picked it: held from now for the rule's time.
+        // A delay fault rule picked it: held from now for the rule's time, at
+        // most for the device's command time-out. A longer delay ends as a
+        // real device's silence would: a time-out, when the time-out is up.
         if (now == 0) now = mqb::steadyNs();
-        s.holdUntil = now + uint64_t(s.tk.delayUs) * 1000;
+        const uint64_t limit = uint64_t(l.device->backend().commandTimeoutSec()) * 1000000000ULL;
+        uint64_t hold = uint64_t(s.tk.delayUs) * 1000;
+        if (hold > limit) {
+            hold = limit;
+            s.out.status = MQB_ERR_TIMEOUT;
+            s.out.senseLen = 0;
+        }
+        s.holdUntil = now + hold;
         delayed[nDelayed++] = int(tokens[i]);
     }
     l.atDevice -= n;
@@ -402,8 +411,8 @@ int MQB::ioctl(int code, int count, ...) {
         if (!mode || !arg || !flag) { rc = MQB_ERR_PARAM; break; }
         if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
-        m.dev->noteDataMode(*mode);
-        m.dev->data().setMode(*mode, m.dev->backend().geometry());
+        rc = m.dev->data().setMode(*mode, m.dev->backend().geometry());
+        if (rc >= 0) m.dev->noteDataMode(*mode);
         break;
     }
     default:
@@ -449,6 +458,7 @@ int MQB::getDeviceInfo(DeviceInfo* info) {
     info->capacity = g.blocks ? g.blocks - 1 : 0;
     info->blockSize = g.blockSize;
     info->index = impl_->devIdx;
+    info->cdbForm = d->cdbForm();
     std::snprintf(info->backend, sizeof info->backend, "%s", d->backend().kind());
     return MQB_OK;
 }
@@ -476,7 +486,9 @@ int MQB::send(unsigned char* record) {
     Slot& s = m.slots[idx];
     std::memcpy(s.cdb, record + mqbrec::kCdb, 16);
     s.cdbLen = cdbLen;
-    s.opcode = s.cdb[0];
+    // What the command does: a 16-byte data command as its 10-byte kind (the
+    // CDB keeps what was sent, for the trace and the pass-through devices).
+    s.opcode = scsi::dataFamily(s.cdb[0]);
     s.tag = ld32(record + mqbrec::kTag);
     s.dev = d;
     s.lane = nullptr;
@@ -487,9 +499,12 @@ int MQB::send(unsigned char* record) {
     c.cdb = s.cdb;
     c.cdbLen = cdbLen;
     c.opcode = s.opcode;
-    if (cdbLen >= 9) {
-        c.lba = scsi::be32(s.cdb + 2);
-        c.tl = scsi::be16(s.cdb + 7);
+    if (!scsi::getDataCdb(s.cdb, cdbLen, c.lba, c.tl)) {
+        if (s.opcode != s.cdb[0]) c.opcode = s.opcode = s.cdb[0];  // 16-byte opcode, short CDB
+        if (cdbLen >= 9) {
+            c.lba = scsi::be32(s.cdb + 2);
+            c.tl = scsi::be16(s.cdb + 7);
+        }
     }
     c.readBuf = ldPtr<uint8_t>(record + mqbrec::kReadBuf);
     c.readLen = ld64(record + mqbrec::kReadLen);
@@ -509,6 +524,7 @@ int MQB::send(unsigned char* record) {
         m.data.onDrop(*d, s.tk);
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
+        l->counters->sense.note(s.out.sense, s.out.senseLen);
         return s.out.status;
     case mqb::Device::Admit::Answered:
         --m.nFree;
@@ -524,6 +540,7 @@ int MQB::send(unsigned char* record) {
         if (rc == MQB_ERR_CHECK) {
             m.senseLen = s.out.senseLen;
             std::memcpy(m.sense, s.out.sense, s.out.senseLen);
+            l->counters->sense.note(s.out.sense, s.out.senseLen);
         }
         mqb::ChannelCounters::bump(l->counters->errors);
         m.data.onDrop(*d, s.tk);
@@ -567,7 +584,10 @@ int MQB::receive() {
     std::memcpy(m.lastCdb, s.cdb, 16);
     m.senseLen = s.out.senseLen;
     if (s.out.senseLen) std::memcpy(m.sense, s.out.sense, s.out.senseLen);
-    if (s.out.status != MQB_OK && s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
+    if (s.out.status != MQB_OK) {
+        if (s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
+        if (s.out.senseLen) s.counters->sense.note(s.out.sense, s.out.senseLen);
+    }
     if (s.opcode == scsi::kReadCapacity10 && s.out.status == MQB_OK) s.dev->backend().capacityRead();
     return s.out.status;
 }
