@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
-#include <chrono>
+#include "latency/SteadyClock.h"
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -84,10 +84,7 @@ bool probePortal(const IscsiTarget& t, std::string& err) {
     return false;
 }
 
-int64_t nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+int64_t nowNs() { return int64_t(steadyNs()); }
 }  // namespace
 
 struct IscsiQueue::Slot {

@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include "latency/SteadyClock.h"
 #include <climits>
 #include <cstring>
 #include "MQBErr.h"
@@ -25,10 +25,7 @@ namespace {
 constexpr uint16_t kDidTimeOut = 0x03;
 constexpr uint16_t kDriverTimeout = 0x06, kDriverSense = 0x08, kDriverMask = 0x0F;
 
-int64_t nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+int64_t nowNs() { return int64_t(steadyNs()); }
 
 // The real descriptor.
 class SgFdPort : public SgPort {

@@ -8,10 +8,6 @@
 
 namespace mqb {
 
-namespace {
-uint64_t nowNs() { return steadyNs(); }
-}  // namespace
-
 // A disk with latency sleeps in every reap: the opening thread (the
 // channel's, which reaps) gets a low timer slack so that the sleeps end on
 // time.
@@ -38,7 +34,7 @@ int SimQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
 int SimQueue::commit() {
     if (committed_ == count_) return MQB_OK;
     if (latencyNs_ != 0) {
-        const uint64_t due = nowNs() + latencyNs_;
+        const uint64_t due = steadyNs() + latencyNs_;
         for (int i = committed_; i < count_; ++i) {
             int pos = head_ + i;
             if (pos >= cap_) pos -= cap_;
@@ -63,7 +59,7 @@ int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         committed_ = count_;
         return n;
     }
-    const uint64_t start = nowNs();
+    const uint64_t start = steadyNs();
     const uint64_t deadline = timeoutNs < 0 ? UINT64_MAX : start + uint64_t(timeoutNs);
     uint64_t now = start;
     for (;;) {
@@ -76,7 +72,7 @@ int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         if (n >= min || count_ == 0 || n == max || now >= deadline) break;
         const uint64_t wake = ring_[head_].due < deadline ? ring_[head_].due : deadline;
         sleepUntilNs(wake);
-        now = nowNs();
+        now = steadyNs();
     }
     return n;
 }
