@@ -43,6 +43,8 @@ int cmdInfo(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "backend", Tcl_NewStringObj(s.backend.c_str(), -1));
     dictPut(interp, d, "direct", Tcl_NewIntObj(s.direct ? 1 : 0));
     dictPut(interp, d, "journal", Tcl_NewBooleanObj(s.journal));
+    dictPut(interp, d, "queue", Tcl_NewStringObj(s.queue.c_str(), -1));
+    dictPut(interp, d, "queue_error", Tcl_NewStringObj(s.queueError.c_str(), -1));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
 }

@@ -67,6 +67,8 @@ struct DeviceSummary {
     bool        locked = false;
     bool        direct = false;      // data bypasses the page cache (file: with O_DIRECT)
     bool        journal = false;     // small enough for a lost-write journal
+    std::string queue;               // "sim", "io_uring", "sync", "sg", "iscsi"
+    std::string queueError;          // why the last queue could not be opened, or ""
 };
 
 // Adds a device from a spec text ("sim", "sim:blocks=1000,bs=4096", ...).

@@ -4,6 +4,7 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include <string>
 #include "Scsi.h"
 
 namespace mqb {
@@ -51,13 +52,14 @@ struct Geometry {
 class Backend {
 public:
     virtual ~Backend() = default;
-    // A new queue to this device holding up to `depth` commands, or null when
-    // the device cannot give one (the channel then refuses the command with
-    // MQB_ERR_NO_MEMORY).
-    virtual std::unique_ptr<Queue> openQueue(int depth) = 0;
+    // A new queue to this device holding up to `depth` commands, or null with
+    // the reason in `err` when the device cannot give one (the channel then
+    // refuses the command with MQB_ERR_NO_QUEUE).
+    virtual std::unique_ptr<Queue> openQueue(int depth, std::string& err) = 0;
+    // The kind of queue openQueue gives (Queue::kind), as far as the device
+    // knows before one is opened.
+    virtual const char* queueKind() const = 0;
     virtual Geometry geometry() const = 0;
-    // Called when a READ CAPACITY(10) has completed on the device.
-    virtual void capacityRead() {}
     virtual const char* kind() const = 0;
     // True when data moves past the page cache (O_DIRECT).
     virtual bool direct() const { return false; }

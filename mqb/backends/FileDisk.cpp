@@ -96,8 +96,10 @@ FileDisk::~FileDisk() {
     ::close(fd_);
 }
 
-std::unique_ptr<Queue> FileDisk::openQueue(int depth) {
-    return std::make_unique<FileQueue>(*this, depth);
+std::unique_ptr<Queue> FileDisk::openQueue(int depth, std::string&) {
+    return std::make_unique<FileQueue>(*this, depth, FileQueue::ringAvailable());
 }
+
+const char* FileDisk::queueKind() const { return FileQueue::ringAvailable() ? "io_uring" : "sync"; }
 
 }  // namespace mqb

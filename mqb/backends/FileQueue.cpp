@@ -43,6 +43,22 @@ bool aligned(const void* p, uint64_t len, uint32_t a) {
 }
 }  // namespace
 
+bool FileQueue::ringAvailable() {
+#if MQB_HAVE_URING
+    static const bool ok = [] {
+        const char* off = std::getenv("MQB_NO_IO_URING");
+        if (off && *off && std::strcmp(off, "0") != 0) return false;
+        io_uring probe;
+        if (io_uring_queue_init(1, &probe, 0) != 0) return false;
+        io_uring_queue_exit(&probe);
+        return true;
+    }();
+    return ok;
+#else
+    return false;
+#endif
+}
+
 FileQueue::FileQueue(FileDisk& disk, int depth, bool useRing)
     : disk_(disk), cap_(depth > 0 ? depth : 1), bs_(disk.blockSize()),
       ops_(new Op[size_t(cap_)]), free_(new int[size_t(cap_)]), nFree_(cap_),

@@ -26,8 +26,15 @@ public:
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
     int outstanding() const override { return cap_ - nFree_; }
 
+    // "io_uring", or "sync" for the synchronous fallback.
+    const char* kind() const override { return ringUp_ ? "io_uring" : "sync"; }
     // True when commands go through io_uring (false: synchronous fallback).
-    bool async() const { return ringUp_; }
+    bool async() const override { return ringUp_; }
+
+    // Whether a queue may use io_uring in this process: built with liburing,
+    // the environment variable MQB_NO_IO_URING not set (or "0"), and the
+    // kernel gives a ring (tried once).
+    static bool ringAvailable();
 
     // Bytes of one bounce buffer: transfers the caller's buffers cannot make
     // directly (unaligned for O_DIRECT), read-backs and verify reads go

@@ -158,8 +158,7 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
     return std::unique_ptr<Backend>(new IscsiDisk(target, geo));
 }
 
-std::unique_ptr<Queue> IscsiDisk::openQueue(int depth) {
-    std::string err;
+std::unique_ptr<Queue> IscsiDisk::openQueue(int depth, std::string& err) {
     return IscsiQueue::open(target_, depth, err);
 }
 

@@ -37,7 +37,9 @@ public:
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "iscsi"; }
     // A new session of up to `depth` commands in flight, for one channel.
-    std::unique_ptr<Queue> openQueue(int depth) override;
+    // Logs in a session of its own; a failed login is the reason in `err`.
+    std::unique_ptr<Queue> openQueue(int depth, std::string& err) override;
+    const char* queueKind() const override { return "iscsi"; }
 
     const IscsiTarget& target() const { return target_; }
 

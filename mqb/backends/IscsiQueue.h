@@ -32,6 +32,7 @@ public:
     int commit() override;
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
     int outstanding() const override { return outstanding_; }
+    const char* kind() const override { return "iscsi"; }
 
     // True once the session was lost (dropped, or a command timed out).
     bool lost() const { return lost_; }

@@ -109,7 +109,7 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
     return std::unique_ptr<Backend>(new SgDisk(path, geo));
 }
 
-std::unique_ptr<Queue> SgDisk::openQueue(int depth) {
+std::unique_ptr<Queue> SgDisk::openQueue(int depth, std::string&) {
     const std::string path = path_;
     return std::make_unique<SgQueue>(
         [path]() {

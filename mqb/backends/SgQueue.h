@@ -31,6 +31,7 @@ public:
     int commit() override;
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
     int outstanding() const override { return cap_ - nFree_; }
+    const char* kind() const override { return "sg"; }
 
     int ports() const { return int(ports_.size()); }
 

@@ -80,7 +80,7 @@ bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err)
 
 SimDisk::SimDisk(const SimConfig& cfg) : cfg_(cfg) {}
 
-std::unique_ptr<Queue> SimDisk::openQueue(int depth) {
+std::unique_ptr<Queue> SimDisk::openQueue(int depth, std::string&) {
     return std::make_unique<SimQueue>(*this, depth);
 }
 

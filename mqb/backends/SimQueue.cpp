@@ -24,7 +24,7 @@ int SimQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     disk_.execute(cmd, *out);
     int pos = head_ + count_;
     if (pos >= cap_) pos -= cap_;
-    ring_[pos] = Entry{token, 0};
+    ring_[pos] = Entry{token, 0, cmd.opcode == scsi::kReadCapacity10 && out->status == MQB_OK};
     ++count_;
     return MQB_OK;
 }
@@ -45,6 +45,15 @@ int SimQueue::commit() {
     return MQB_OK;
 }
 
+uint64_t SimQueue::popHead() {
+    const Entry& e = ring_[head_];
+    if (e.capacity) disk_.capacityRead();
+    const uint64_t token = e.token;
+    if (++head_ == cap_) head_ = 0;
+    --count_;
+    return token;
+}
+
 int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     commit();
     if (min > max) min = max;
@@ -52,9 +61,7 @@ int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     if (latencyNs_ == 0) {
         // Everything committed is done: no clock, no wait.
         while (n < max && count_ > 0) {
-            tokens[n++] = ring_[head_].token;
-            if (++head_ == cap_) head_ = 0;
-            --count_;
+            tokens[n++] = popHead();
         }
         committed_ = count_;
         return n;
@@ -64,9 +71,7 @@ int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     uint64_t now = start;
     for (;;) {
         while (n < max && count_ > 0 && ring_[head_].due <= now) {
-            tokens[n++] = ring_[head_].token;
-            if (++head_ == cap_) head_ = 0;
-            --count_;
+            tokens[n++] = popHead();
             --committed_;
         }
         if (n >= min || count_ == 0 || n == max || now >= deadline) break;

@@ -18,12 +18,16 @@ public:
     // Sleeps until the earliest command is due when fewer than `min` are.
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
     int outstanding() const override { return count_; }
+    const char* kind() const override { return "sim"; }
 
 private:
     struct Entry {
         uint64_t token;
         uint64_t due;  // steady-clock ns; set by commit
+        bool     capacity;  // a READ CAPACITY(10) answered GOOD: tells the disk when reaped
     };
+    // Hands back the entry at head_ and drops it from the ring.
+    uint64_t popHead();
     SimDisk& disk_;
     const uint64_t latencyNs_;
     std::unique_ptr<Entry[]> ring_;

@@ -30,8 +30,13 @@ void MQB::Impl::commitLane(Lane& l, bool reapFollows) {
 Lane* MQB::Impl::laneOf(mqb::Device* d) {
     for (auto& l : lanes)
         if (l->device == d) return l.get();
-    std::unique_ptr<mqb::Queue> q = d->backend().openQueue(kQueueCap);
-    if (!q) return nullptr;
+    std::string err;
+    std::unique_ptr<mqb::Queue> q = d->backend().openQueue(kQueueCap, err);
+    if (!q) {
+        d->noteQueueFailed(err);
+        return nullptr;
+    }
+    d->noteQueueOpened(q->kind());
     auto l = std::make_unique<Lane>();
     l->device = d;
     l->counters = d->attachChannel();

@@ -226,4 +226,25 @@ void Device::reset() {
     data_.resetLatency();
 }
 
+void Device::noteQueueOpened(const char* kind) {
+    std::lock_guard<std::mutex> g(lock_);
+    queueKind_ = kind;
+    queueError_.clear();
+}
+
+void Device::noteQueueFailed(const std::string& why) {
+    std::lock_guard<std::mutex> g(lock_);
+    queueError_ = why.empty() ? "the device gave no queue" : why;
+}
+
+std::string Device::queueKind() const {
+    std::lock_guard<std::mutex> g(lock_);
+    return queueKind_ ? queueKind_ : backend_->queueKind();
+}
+
+std::string Device::queueError() const {
+    std::lock_guard<std::mutex> g(lock_);
+    return queueError_;
+}
+
 }  // namespace mqb

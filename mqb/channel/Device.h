@@ -68,6 +68,14 @@ public:
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
 
+    // The queue a channel opened last ("io_uring", "sync", ...), or why the
+    // last opening failed (empty when it did not). Set once per channel and
+    // device, not per command.
+    void noteQueueOpened(const char* kind);
+    void noteQueueFailed(const std::string& why);
+    std::string queueKind() const;
+    std::string queueError() const;
+
     // The states the last ioctls of any channel left on the device.
     void noteQueueing(bool on) { queueing_.store(on, std::memory_order_relaxed); }
     void noteMaxDepth(int d) { maxDepth_.store(d, std::memory_order_relaxed); }
@@ -114,6 +122,8 @@ private:
     bool tracing_ = false;
     uint64_t traceLimit_ = 0;
     std::vector<TraceEntry> trace_;
+    const char* queueKind_ = nullptr;  // lock_ held; null until a queue opened
+    std::string queueError_;           // lock_ held
 };
 
 // The device at `idx`, or null. Devices stay valid for the life of the

@@ -135,6 +135,8 @@ bool deviceSummary(int idx, DeviceSummary& out) {
     out.locked = d->locked();
     out.direct = d->backend().direct();
     out.journal = d->data().carriesData() && d->data().journalAllowed(geo.blocks);
+    out.queue = d->queueKind();
+    out.queueError = d->queueError();
     return true;
 }
 

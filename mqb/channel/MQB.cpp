@@ -178,7 +178,7 @@ int MQB::send(unsigned char* record) {
     s.readBack = false;
 
     Lane* l = m.lane;
-    if (!l && !(l = m.lane = m.laneOf(d))) return MQB_ERR_NO_MEMORY;
+    if (!l && !(l = m.lane = m.laneOf(d))) return MQB_ERR_NO_QUEUE;
     s.counters = l->counters;
     // The send time, then generated or keyed write data in the checker's
     // buffers, or a buffer of its own for a read it will check.
@@ -223,8 +223,7 @@ int MQB::send(unsigned char* record) {
 // Takes the next completion: commits what was sent since the last receive,
 // then serves the ready ring, filling it from the queues (waiting for the
 // device) when it is empty. Remembers the completion's tag and CDB for
-// receiveInfo and its sense (or none) for errInfo. A completed READ
-// CAPACITY(10) tells the device its block size is now known. Returns
+// receiveInfo and its sense (or none) for errInfo. Returns
 // MQB_ERR_IO when commands are with a transport that cannot be waited on.
 int MQB::receive() {
     Impl& m = *impl_;
@@ -249,7 +248,6 @@ int MQB::receive() {
     m.senseLen = s.out.senseLen;
     if (s.out.senseLen) std::memcpy(m.sense, s.out.sense, s.out.senseLen);
     if (s.out.status != MQB_OK && s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
-    if (s.opcode == scsi::kReadCapacity10 && s.out.status == MQB_OK) s.dev->backend().capacityRead();
     return s.out.status;
 }
 

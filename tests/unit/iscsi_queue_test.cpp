@@ -189,8 +189,9 @@ TEST_F(IscsiLun, KeepsTheQueueDepthInFlightAndReadsBackWhatItWrote) {
     constexpr int kDepth = 32, kTl = 8;
     EXPECT_EQ(disk_->geometry().blocks, 64u * 1024 * 1024 / kBs);  // READ CAPACITY(16) at open
     EXPECT_EQ(disk_->geometry().blockSize, kBs);
-    auto q = disk_->openQueue(kDepth);
-    ASSERT_NE(q, nullptr);
+    std::string why;
+    auto q = disk_->openQueue(kDepth, why);
+    ASSERT_NE(q, nullptr) << why;
     std::vector<Bytes> wdata(kDepth, Bytes(kTl * kBs)), rdata(kDepth, Bytes(kTl * kBs));
     std::vector<std::unique_ptr<Cmd>> cmds;
     for (int i = 0; i < kDepth; ++i) {
@@ -225,8 +226,9 @@ TEST_F(IscsiLun, KeepsTheQueueDepthInFlightAndReadsBackWhatItWrote) {
 
 // The target's own sense comes back whole: ILLEGAL REQUEST / LBA OUT OF RANGE.
 TEST_F(IscsiLun, PastTheEndGivesTheTargetsSense) {
-    auto q = disk_->openQueue(2);
-    ASSERT_NE(q, nullptr);
+    std::string why;
+    auto q = disk_->openQueue(2, why);
+    ASSERT_NE(q, nullptr) << why;
     const uint32_t blocks = uint32_t(disk_->geometry().blocks);
     Bytes data(kBs);
     Cmd read(READ10, blocks, 1, &data), zero(READ10, blocks + 10, 0, nullptr);
@@ -257,8 +259,9 @@ TEST_F(IscsiLun, LeavesTheProcessRandomSequenceAlone) {
     std::vector<int> got(8);
     got[0] = rand();
     {
-        auto q = disk_->openQueue(4);
-        ASSERT_NE(q, nullptr);
+        std::string why;
+        auto q = disk_->openQueue(4, why);
+        ASSERT_NE(q, nullptr) << why;
         Bytes data(kBs);
         Cmd read(READ10, 0, 1, &data);
         ASSERT_EQ(q->submit(read.c, &read.out, 1), 0);
@@ -282,8 +285,9 @@ protected:
         std::string err;
         disk_ = mqb::IscsiDisk::open(target_.url(urlSuffix), err);
         ASSERT_NE(disk_, nullptr) << err;
-        q_ = disk_->openQueue(depth);
-        ASSERT_NE(q_, nullptr);
+        std::string why;
+        q_ = disk_->openQueue(depth, why);
+        ASSERT_NE(q_, nullptr) << why;
     }
     void submitReads(int n, uint16_t tl) {
         data_.assign(size_t(n), Bytes(tl * kBs));

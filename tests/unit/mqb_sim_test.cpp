@@ -335,7 +335,8 @@ TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
     mqb::SimConfig cfg;
     cfg.latencyUs = 30000;
     mqb::SimDisk disk(cfg);
-    std::unique_ptr<mqb::Queue> q = disk.openQueue(4);
+    std::string why;
+    std::unique_ptr<mqb::Queue> q = disk.openQueue(4, why);
     uint8_t cdb[10] = {READ10};
     mqb::Command c;
     c.cdb = cdb, c.cdbLen = 10, c.opcode = READ10, c.tl = 1;
