@@ -250,7 +250,7 @@ void KIVLoop::loadFunc() {
         bump(blocksIssued, tl);
         return;
     }
-    unsigned char sense[252];
+    unsigned char sense[scsi::kMaxSense];
     int size = (int)sizeof sense;
     int length = 0;
     if (status == -16) mqb->errInfo(MQB_INFO_SENSE, 3, sense, &size, &length);

@@ -72,7 +72,7 @@ void KIVLoop::unloadFunc() {
         outstanding--;
         opsDone.store(opsDone.load(kRelaxed) + 1, kRelaxed);
         if (status != 0) {
-            unsigned char sense[252];
+            unsigned char sense[scsi::kMaxSense];
             int size = (int)sizeof sense;
             int length = 0;
             if (status == -16) mqb->errInfo(MQB_INFO_SENSE, 3, sense, &size, &length);

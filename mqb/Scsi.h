@@ -46,9 +46,11 @@ constexpr Asc kLbaOutOfRange{0x21, 0x00};
 constexpr Asc kWriteProtected{0x27, 0x00};
 constexpr Asc kSpaceAllocFailed{0x27, 0x07};
 
-// Fixed-format sense sizes: the short form and ours, with the vendor UEC.
+// Sense sizes: the short fixed form, ours (fixed, with the vendor UEC), and
+// the largest a device may send (SPC's limit, in fixed or descriptor format).
 constexpr int kShortSense = 18;
 constexpr int kLongSense = 32;
+constexpr int kMaxSense = 252;
 
 inline uint16_t be16(const uint8_t* p) { return uint16_t((p[0] << 8) | p[1]); }
 inline uint32_t be32(const uint8_t* p) {

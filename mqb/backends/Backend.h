@@ -28,7 +28,7 @@ struct Command {
 // Largest sense a device hands back (what SPC allows in fixed or descriptor
 // format); the simulated disk and files answer 32 bytes, pass-through devices
 // whatever the device sent.
-constexpr int kMaxSense = 252;
+constexpr int kMaxSense = scsi::kMaxSense;
 
 // How a command ended. `senseLen` is 0 unless `status` is a CHECK CONDITION.
 // The sense bytes past senseLen are never initialised (nothing is cleared per

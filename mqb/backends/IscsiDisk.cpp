@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include "IscsiQueue.h"
 #include "MQBErr.h"
+#include "SenseParser.h"
 
 namespace mqb {
 
@@ -143,8 +144,9 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
     Outcome out;
     for (int tries = 0; tries < 4; ++tries) {
         runOne(*session, c, out);
-        const bool unitAttention = out.status == MQB_ERR_CHECK && out.senseLen > 2 &&
-                                   (out.sense[(out.sense[0] & 0x7F) >= 0x72 ? 1 : 2] & 0x0F) == 6;
+        SenseParser::Kcq kcq;
+        SenseParser::getKcq(out.sense, out.senseLen, kcq);
+        const bool unitAttention = out.status == MQB_ERR_CHECK && kcq.key == scsi::kKeyUnitAttention;
         if (!unitAttention) break;
     }
     if (out.status != MQB_OK) {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include "MQBErr.h"
+#include "SenseParser.h"
 #include "SgQueue.h"
 
 namespace mqb {
@@ -18,19 +19,10 @@ namespace {
 // First sg driver version with the SG_IO interface.
 constexpr int kMinSgVersion = 30000;
 
-// Sense key, code and qualifier of fixed (0x70/0x71) or descriptor
-// (0x72/0x73) sense; zeros for what the sense is too short to hold.
-void senseKcq(const Outcome& o, uint8_t kcq[3]) {
-    const bool desc = (o.sense[0] & 0x7F) >= 0x72;
-    const int at[3] = {desc ? 1 : 2, desc ? 2 : 12, desc ? 3 : 13};
-    for (int i = 0; i < 3; ++i) kcq[i] = o.senseLen > at[i] ? o.sense[at[i]] : 0;
-    kcq[0] &= 0x0F;
-}
-
 bool isUnitAttention(const Outcome& o) {
-    uint8_t kcq[3];
-    senseKcq(o, kcq);
-    return o.status == MQB_ERR_CHECK && kcq[0] == scsi::kKeyUnitAttention;
+    SenseParser::Kcq kcq;
+    SenseParser::getKcq(o.sense, o.senseLen, kcq);
+    return o.status == MQB_ERR_CHECK && kcq.key == scsi::kKeyUnitAttention;
 }
 }  // namespace
 
@@ -97,10 +89,10 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
         ::close(fd);
         err = "READ CAPACITY on \"" + path + "\" failed: " + MQBErr::errStr(out.status);
         if (out.status == MQB_ERR_CHECK) {
-            uint8_t kcq[3];
-            senseKcq(out, kcq);
+            SenseParser::Kcq kcq;
+            SenseParser::getKcq(out.sense, out.senseLen, kcq);
             char text[32];
-            std::snprintf(text, sizeof text, " (sense %02X/%02X/%02X)", kcq[0], kcq[1], kcq[2]);
+            std::snprintf(text, sizeof text, " (sense %02X/%02X/%02X)", kcq.key, kcq.asc, kcq.ascq);
             err += text;
         }
         return nullptr;

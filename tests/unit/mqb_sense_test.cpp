@@ -33,7 +33,14 @@ TEST(SenseParser, FixedDescriptorAndUnknownFormats) {
         Bytes info(8, 0xAA);
         EXPECT_EQ(SenseParser::getInformationBytes(s, info.data()), r.info.empty() ? -1 : 0) << int(s[0]);
         EXPECT_EQ(info, r.info.empty() ? Bytes(8, 0xAA) : r.info) << int(s[0]);
+        // An unknown response code reads as zeros, like NO SENSE, but says so.
+        const int code = s[0] & 0x7F;
+        EXPECT_EQ(SenseParser::format(s), code == 0x7F ? SenseParser::Format::Unknown
+                                          : code >= 0x72 ? SenseParser::Format::Descriptor
+                                                         : SenseParser::Format::Fixed) << code;
     }
+    EXPECT_EQ(SenseParser::format(rows[0].s.data(), 0), SenseParser::Format::None);
+    EXPECT_EQ(SenseParser::format(nullptr, 18), SenseParser::Format::None);
 }
 
 // Each getter stays inside the length it is given, whatever byte 7 claims:
