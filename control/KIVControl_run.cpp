@@ -15,11 +15,6 @@
 #include "KIVLoop.h"
 
 namespace {
-// Prefix of the print buffer's script: `puts "`.
-const char kPutsPrefix[] = "puts \"";
-const size_t kPutsPrefixLen = 6;
-// Above this many characters, queued lines are dropped from the display.
-const size_t kPrintLimit = 65000;
 // Time the interpreter's thread waits between drains of the print buffer.
 const useconds_t kPollSleepUs = 250000;
 
@@ -458,7 +453,7 @@ void KIVControl::printLiteral(const char* text) {
 // dropped.
 void KIVControl::printThreaded(const char* text) {
     pthread_mutex_lock(&printMutex);
-    queueLineLocked(text, kPrintLimit);
+    queueLineLocked(text, kPrintBufLimit);
     pthread_mutex_unlock(&printMutex);
 }
 

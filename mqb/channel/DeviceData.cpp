@@ -1,5 +1,6 @@
 // DeviceData.cpp: per-device verification and latency state.
 #include "DeviceData.h"
+#include "MQB.h"
 
 namespace mqb {
 
@@ -21,7 +22,7 @@ void DeviceData::ensureTracking(const Geometry& g) {
 }
 
 void DeviceData::setMode(int mode, const Geometry& g) {
-    if (mode == 6 && carriesData_) {
+    if (mode == MQB_DATA_KEYED && carriesData_) {
         std::lock_guard<std::mutex> l(lock_);
         ensureTracking(g);
     }

@@ -95,7 +95,8 @@ int MQB::ioctl(int code, int count, ...) {
         int* arg = mode ? va_arg(ap, int*) : nullptr;
         unsigned char* flag = arg ? va_arg(ap, unsigned char*) : nullptr;
         if (!mode || !arg || !flag) { rc = MQB_ERR_PARAM; break; }
-        if (*mode != 0 && *mode != 3 && *mode != 6 && *mode != 11) { rc = MQB_ERR_PARAM; break; }
+        if (*mode != MQB_DATA_OFF && *mode != MQB_DATA_GENERATE && *mode != MQB_DATA_KEYED &&
+            *mode != MQB_DATA_REPEAT) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
         m.dev->noteDataMode(*mode);
         m.dev->data().setMode(*mode, m.dev->backend().geometry());
