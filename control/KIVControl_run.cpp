@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "KIVLoop.h"
+#include "Metrics.h"
 
 namespace {
 // Time the interpreter's thread waits between drains of the print buffer.
@@ -167,6 +168,7 @@ int KIVControl::run() {
     // The run's start, kept for a final statistics pass that comes before any
     // first pass (analyze takes it as the time base then).
     lastReportMs = getMS();
+    mqb::runBegin(numDevices);
 
     if (!threadMode) {
         initLoop();
@@ -348,6 +350,7 @@ void KIVControl::finishLoop() {
     if (statMode == 2) finalizeWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
     running = false;
+    mqb::runEnd();
     releaseInterrupts();
 
     // Every thread has lowered runcount by now, but may still be on its way out

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "KIVLoop.h"
+#include "Metrics.h"
 
 namespace {
 const char kDevLabel[] = ".kivstat.frame.cframe.canvas.frame.device";
@@ -49,6 +50,7 @@ void KIVControl::analyze(bool final) {
 
     uint32_t now = getMS();
     elapsedSec = (int32_t)now / 1000 - (int32_t)time_start / 1000;
+    mqb::runElapsed(elapsedSec);  // for a monitoring endpoint
 
     if (elapsedSec >= nextReportSec || final) {
         // Worked in 64 bits: a report spacing near INT_MAX must not wrap the
@@ -75,6 +77,7 @@ void KIVControl::analyze(bool final) {
             // 64-bit too: hundredths of a fast device's rate exceed 2^32.
             uint64_t whole = (uint64_t)mbPerSec;
             uint64_t hundredths = (uint64_t)((double)mbPerSec * 100.0) - whole * 100;
+            mqb::runPass(i, l->deviceIdx, opsPerSec, mbPerSec);
 
             uint32_t cmd = l->lastCmd.load(std::memory_order_relaxed);
             const char* cmdName = cmd < 5 ? cmdstr[cmd] : "???";

@@ -11,6 +11,7 @@
 
 #include "MqbSupport.h"
 #include "kiv_version.h"
+#include "metrics/MetricsCommand.h"
 
 namespace {
 
@@ -20,6 +21,11 @@ int cmdVersion(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 2) { Tcl_WrongNumArgs(interp, 2, objv, nullptr); return TCL_ERROR; }
     Tcl_SetObjResult(interp, Tcl_NewStringObj(KIV_VERSION, -1));
     return TCL_OK;
+}
+
+// `mqb metrics ...`: the Prometheus endpoint (metrics/MetricsCommand.cpp).
+int cmdMetrics(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    return kivmetrics::cmdMetrics(interp, objc, objv);
 }
 
 // The subcommands, by name, in the order the error message lists them.
@@ -32,9 +38,10 @@ const Subcommand kSubcommands[] = {
     {"close", cmdClose},     {"current", cmdCurrent},       {"devices", cmdDevices},
     {"driver", cmdDriver},   {"fault", cmdFault},           {"info", cmdInfo},
     {"journal", cmdJournal}, {"latency", cmdLatency},       {"lock", cmdLock},
-    {"open", cmdOpen},       {"recvbuffer", cmdRecvBuffer}, {"reset", cmdReset},
-    {"select", cmdSelect},   {"sendbuffer", cmdSendBuffer}, {"stats", cmdStats},
-    {"trace", cmdTrace},     {"version", cmdVersion},       {nullptr, nullptr},
+    {"metrics", cmdMetrics}, {"open", cmdOpen},             {"recvbuffer", cmdRecvBuffer},
+    {"reset", cmdReset},     {"select", cmdSelect},         {"sendbuffer", cmdSendBuffer},
+    {"stats", cmdStats},     {"trace", cmdTrace},           {"version", cmdVersion},
+    {nullptr, nullptr},
 };
 
 // Dispatches one mqb subcommand (see mqbObjCmd).

@@ -1,7 +1,8 @@
 // kivsh_main.cpp: kivsh, a tclsh with the kiv host built in. `kivsh script.tcl
 // ?arg ...?` runs a script as tclsh does; with no script it reads commands from
 // standard input. Tk is loaded (its main window withdrawn) when a display is there.
-// `kivsh --version` prints the version and exits.
+// `kivsh --version` prints the version and exits. `kivsh --metrics ADDR:PORT ...`
+// serves the Prometheus metrics endpoint there (`mqb metrics`) from the start.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +16,25 @@
 #include "kiv_version.h"
 
 namespace {
+
+// The address of --metrics, or null.
+const char* metricsAddress = nullptr;
+
+// Serves the metrics endpoint when asked; a failure ends the shell (a lab
+// asked for an endpoint it would otherwise silently lack).
+void startMetrics(Tcl_Interp* interp) {
+    if (!metricsAddress) return;
+    Tcl_Obj* cmd = Tcl_NewStringObj("mqb metrics", -1);
+    Tcl_IncrRefCount(cmd);
+    Tcl_ListObjAppendElement(interp, cmd, Tcl_NewStringObj(metricsAddress, -1));
+    const int rc = Tcl_EvalObjEx(interp, cmd, TCL_EVAL_GLOBAL);
+    Tcl_DecrRefCount(cmd);
+    if (rc != TCL_OK) {
+        std::fprintf(stderr, "kivsh: %s\n", Tcl_GetStringResult(interp));
+        std::exit(1);
+    }
+    Tcl_ResetResult(interp);
+}
 
 // Loads Tk when a display is set and KIV_NO_TK is not. A failure only means no
 // Tk: the extension then reports on the terminal.
@@ -41,6 +61,7 @@ int appInit(Tcl_Interp* interp) {
         std::fprintf(stderr, "kivsh: %s\n", Tcl_GetStringResult(interp));
         Tcl_ResetResult(interp);
     }
+    startMetrics(interp);
     // The extension writes some lines with printf and most through puts; line
     // buffering on both keeps them in order when the output is a pipe.
     Tcl_Eval(interp, "fconfigure stdout -buffering line");
@@ -83,6 +104,16 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
         std::printf("kivsh %s\n", KIV_VERSION);
         return 0;
+    }
+    if (argc >= 2 && std::strcmp(argv[1], "--metrics") == 0) {
+        if (argc < 3) {
+            std::fprintf(stderr, "usage: kivsh --metrics ADDR:PORT ?script.tcl arg ...?\n");
+            return 1;
+        }
+        metricsAddress = argv[2];
+        argv[2] = argv[0];
+        argv += 2;
+        argc -= 2;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     if (argc < 2) catchPromptInterrupts();

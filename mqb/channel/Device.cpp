@@ -213,6 +213,7 @@ void Device::reset() {
         for (Counter* c : {&k->commands, &k->reads, &k->writes, &k->wrvs, &k->verifies, &k->other,
                            &k->blocksRead, &k->blocksWritten, &k->errors})
             c->store(0, std::memory_order_relaxed);
+    for (auto& k : channels_) k->sense.clear();
     maxOutstanding_.store(0, std::memory_order_relaxed);
     queueing_.store(false, std::memory_order_relaxed);
     fastReads_.store(false, std::memory_order_relaxed);

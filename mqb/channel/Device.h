@@ -11,6 +11,8 @@
 #include "backends/Backend.h"
 #include "DeviceData.h"
 #include "DeviceTable.h"
+#include "Metrics.h"
+#include "channel/SenseTally.h"
 
 namespace mqb {
 
@@ -22,6 +24,7 @@ struct ChannelCounters {
     Counter commands{0}, reads{0}, writes{0}, wrvs{0}, verifies{0}, other{0};
     Counter blocksRead{0}, blocksWritten{0}, errors{0};
     Counter atDevice{0};  // the channel's commands at the device now
+    SenseTally sense;     // failed commands by sense key / ASC / ASCQ
     bool inUse = false;   // owned by a channel; the device's lock_ guards it
 
     static void bump(Counter& c, uint64_t n = 1) {
@@ -91,6 +94,9 @@ public:
     void traceGet(std::vector<TraceEntry>& out);
     void traceClear();
     void reset();
+    // The counters summed over every channel, read without taking lock_ (which
+    // the command path takes while faults or a trace are set): for monitoring.
+    void metrics(DeviceMetrics& out) const;
 
 private:
     using Counter = std::atomic<uint64_t>;

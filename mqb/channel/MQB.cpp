@@ -191,6 +191,7 @@ int MQB::send(unsigned char* record) {
         m.data.onDrop(*d, s.tk);
         m.senseLen = s.out.senseLen;
         std::memcpy(m.sense, s.out.sense, s.out.senseLen);
+        l->counters->sense.note(s.out.sense, s.out.senseLen);
         return s.out.status;
     case mqb::Device::Admit::Answered:
         --m.nFree;
@@ -206,6 +207,7 @@ int MQB::send(unsigned char* record) {
         if (rc == MQB_ERR_CHECK) {
             m.senseLen = s.out.senseLen;
             std::memcpy(m.sense, s.out.sense, s.out.senseLen);
+            l->counters->sense.note(s.out.sense, s.out.senseLen);
         }
         mqb::ChannelCounters::bump(l->counters->errors);
         m.data.onDrop(*d, s.tk);
@@ -248,7 +250,10 @@ int MQB::receive() {
     std::memcpy(m.lastCdb, s.cdb, 16);
     m.senseLen = s.out.senseLen;
     if (s.out.senseLen) std::memcpy(m.sense, s.out.sense, s.out.senseLen);
-    if (s.out.status != MQB_OK && s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
+    if (s.out.status != MQB_OK) {
+        if (s.fromQueue) mqb::ChannelCounters::bump(s.counters->errors);
+        if (s.out.senseLen) s.counters->sense.note(s.out.sense, s.out.senseLen);
+    }
     return s.out.status;
 }
 
