@@ -10,12 +10,12 @@
 namespace mqbcmd {
 
 int cmdAdd(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 3) { Tcl_WrongNumArgs(interp, 2, objv, "SPEC"); return TCL_ERROR; }
+    if (objc != 3) { Tcl_WrongNumArgs(interp, 2, objv, "DEVICE-TEXT"); return TCL_ERROR; }
     std::string err;
     int idx = mqb::addDevice(Tcl_GetString(objv[2]), err);
     if (idx < 0)
         return fail(interp, std::string("cannot add device \"") + Tcl_GetString(objv[2]) + "\": " +
-                                (err.empty() ? "bad device spec" : err));
+                                (err.empty() ? "bad device text" : err));
     Tcl_SetObjResult(interp, Tcl_NewIntObj(idx));
     return TCL_OK;
 }
@@ -36,7 +36,7 @@ int cmdInfo(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     mqb::DeviceSummary s;
     if (!mqb::deviceSummary(idx, s)) return fail(interp, "no such device " + std::to_string(idx));
     Tcl_Obj* d = Tcl_NewDictObj();
-    dictPut(interp, d, "spec", Tcl_NewStringObj(s.spec.c_str(), -1));
+    dictPut(interp, d, "spec", Tcl_NewStringObj(s.deviceText.c_str(), -1));
     dictPut(interp, d, "blocks", wideObj(s.blocks));
     dictPut(interp, d, "blocksize", Tcl_NewWideIntObj(s.blockSize));
     dictPut(interp, d, "locked", Tcl_NewBooleanObj(s.locked));

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include "DeviceText.h"
 #include "MQBErr.h"
 #include "RelaxedCopy.h"
 #include "SimQueue.h"
@@ -20,62 +21,35 @@ constexpr uint64_t kMaxBlocks = 1ULL << 48;
 constexpr uint64_t kMaxBlockSize = 1ULL << 20;
 constexpr uint64_t kMaxLatencyUs = 10000000;  // ten seconds
 
-// Parses a whole decimal or 0x-prefixed number; false on junk or overflow.
-bool parseNumber(const std::string& s, uint64_t& v) {
-    if (s.empty() || s[0] == '-' || s[0] == '+') return false;
-    errno = 0;
-    char* end = nullptr;
-    unsigned long long r = std::strtoull(s.c_str(), &end, 0);
-    if (errno != 0 || end == s.c_str() || *end != '\0') return false;
-    v = r;
-    return true;
-}
-
 }  // namespace
 
 bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err) {
-    size_t pos = 0;
-    while (pos < params.size()) {
-        size_t comma = params.find(',', pos);
-        if (comma == std::string::npos) comma = params.size();
-        std::string item = params.substr(pos, comma - pos);
-        pos = comma + 1;
-        if (item.empty()) continue;
-        size_t eq = item.find('=');
-        if (eq == std::string::npos) {
-            err = "device spec item \"" + item + "\" is not key=value";
-            return false;
-        }
-        std::string key = item.substr(0, eq), text = item.substr(eq + 1);
+    return devtext::forEachOption(params, ',', err, [&](const std::string& key, const std::string& text) {
         uint64_t v = 0;
-        bool ok = parseNumber(text, v);
         if (key == "blocks") {
-            ok = ok && v >= 1 && v <= kMaxBlocks;
-            if (ok) cfg.blocks = v;
+            if (!devtext::number(key, text, 1, kMaxBlocks, v, err)) return false;
+            cfg.blocks = v;
         } else if (key == "bs") {
-            ok = ok && v <= kMaxBlockSize;
-            if (ok) cfg.blockSize = uint32_t(v);
+            if (!devtext::number(key, text, 0, kMaxBlockSize, v, err)) return false;
+            cfg.blockSize = uint32_t(v);
         } else if (key == "lazybs") {
-            ok = ok && v <= 1;
-            if (ok) cfg.lazyBlockSize = v == 1;
+            if (!devtext::number(key, text, 0, 1, v, err)) return false;
+            cfg.lazyBlockSize = v == 1;
         } else if (key == "latency") {
-            ok = ok && v <= kMaxLatencyUs;
-            if (ok) cfg.latencyUs = uint32_t(v);
+            if (!devtext::number(key, text, 0, kMaxLatencyUs, v, err)) return false;
+            cfg.latencyUs = uint32_t(v);
         } else if (key == "store") {
-            ok = ok && v <= 1;
-            if (ok) cfg.store = v == 1;
+            if (!devtext::number(key, text, 0, 1, v, err)) return false;
+            cfg.store = v == 1;
         } else if (key == "storemax") {
-            if (ok) cfg.storeMax = v;
+            if (!devtext::number(key, text, 0, UINT64_MAX, v, err)) return false;
+            cfg.storeMax = v;
         } else {
-            err = "unknown device spec key \"" + key + "\"";
+            err = devtext::unknownKey(key);
             return false;
         }
-        if (!ok) {
-            err = "bad value \"" + text + "\" for device spec key \"" + key + "\"";
-            return false;
-        }
-    }
-    return true;
+        return true;
+    });
 }
 
 SimDisk::SimDisk(const SimConfig& cfg) : cfg_(cfg) {}

@@ -20,8 +20,8 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 }
 }  // namespace
 
-Device::Device(std::string spec, std::unique_ptr<Backend> backend)
-    : spec_(std::move(spec)), backend_(std::move(backend)) {}
+Device::Device(std::string deviceText, std::unique_ptr<Backend> backend)
+    : deviceText_(std::move(deviceText)), backend_(std::move(backend)) {}
 
 Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k,
                              uint32_t* delayUs) {

@@ -34,7 +34,7 @@ struct ChannelCounters {
 
 class Device {
 public:
-    Device(std::string spec, std::unique_ptr<Backend> backend);
+    Device(std::string deviceText, std::unique_ptr<Backend> backend);
 
     // What admit() decided about a command.
     enum class Admit {
@@ -67,7 +67,7 @@ public:
     // Data verification and latency state (data mode, journal, histograms).
     DeviceData& data() { return data_; }
     const DeviceData& data() const { return data_; }
-    const std::string& spec() const { return spec_; }
+    const std::string& deviceText() const { return deviceText_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
 
@@ -103,7 +103,7 @@ private:
     bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
-    std::string spec_;
+    std::string deviceText_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
     DeviceData data_;

@@ -1,4 +1,4 @@
-// iscsi_queue_test.cpp: iscsi:// device specs, and the iSCSI queue against a
+// iscsi_queue_test.cpp: iscsi:// device texts, and the iSCSI queue against a
 // real target (tgtd on 127.0.0.1, started by tests/tgt_fixture.sh): commands
 // in flight at the queue depth, data that comes back as written, the target's
 // own sense, and sessions that die or stop answering. WRITE AND VERIFY and
@@ -116,12 +116,12 @@ uint32_t kcq(const Outcome& o) {
 TEST(IscsiSpec, AcceptsHostPortTargetLunAndTimeout) {
     mqb::IscsiTarget t;
     std::string err;
-    ASSERT_TRUE(mqb::parseIscsiSpec("iscsi://10.1.2.3/iqn.2001-04.com.example:disk/0", t, err)) << err;
+    ASSERT_TRUE(mqb::parseIscsiText("iscsi://10.1.2.3/iqn.2001-04.com.example:disk/0", t, err)) << err;
     EXPECT_EQ(t.portal, "10.1.2.3:3260");
     EXPECT_EQ(t.iqn, "iqn.2001-04.com.example:disk");
     EXPECT_EQ(t.lun, 0);
     EXPECT_EQ(t.timeoutSec, 30);
-    ASSERT_TRUE(mqb::parseIscsiSpec("iscsi://[::1]:3261/iqn.x/12?timeout=5", t, err)) << err;
+    ASSERT_TRUE(mqb::parseIscsiText("iscsi://[::1]:3261/iqn.x/12?timeout=5", t, err)) << err;
     EXPECT_EQ(t.portal, "[::1]:3261");
     EXPECT_EQ(t.host, "::1");
     EXPECT_EQ(t.port, 3261);
@@ -129,7 +129,7 @@ TEST(IscsiSpec, AcceptsHostPortTargetLunAndTimeout) {
     EXPECT_EQ(t.timeoutSec, 5);
 }
 
-TEST(IscsiSpec, RefusesMalformedSpecsWithAReason) {
+TEST(IscsiText, RefusesMalformedTextsWithAReason) {
     const char* bad[][2] = {
         {"iscsi:/h/iqn/1", "begins with iscsi://"},
         {"iscsi://h/iqn", "is not iscsi://HOST[:PORT]/TARGET-IQN/LUN"},
@@ -140,14 +140,14 @@ TEST(IscsiSpec, RefusesMalformedSpecsWithAReason) {
         {"iscsi://h//1", "has no target name"},
         {"iscsi://h/iqn/x", "LUN \"x\""},
         {"iscsi://h/iqn/16384", "LUN \"16384\""},
-        {"iscsi://h/iqn/1?timeout=0", "timeout \"0\""},
-        {"iscsi://h/iqn/1?timeout=5s", "timeout \"5s\""},
-        {"iscsi://h/iqn/1?retries=2", "unknown iSCSI option \"retries\""},
+        {"iscsi://h/iqn/1?timeout=0", "bad value \"0\" for device text key \"timeout\""},
+        {"iscsi://h/iqn/1?timeout=5s", "bad value \"5s\" for device text key \"timeout\""},
+        {"iscsi://h/iqn/1?retries=2", "unknown device text key \"retries\""},
     };
     for (auto& b : bad) {
         mqb::IscsiTarget t;
         std::string err;
-        EXPECT_FALSE(mqb::parseIscsiSpec(b[0], t, err)) << b[0];
+        EXPECT_FALSE(mqb::parseIscsiText(b[0], t, err)) << b[0];
         EXPECT_NE(err.find(b[1]), std::string::npos) << b[0] << ": " << err;
     }
 }

@@ -202,7 +202,7 @@ TEST_F(FileDev, DirectIoBypassesThePageCacheUnlessTurnedOff) {
     }
     std::string err;
     EXPECT_EQ(mqb::addDevice("file:" + path + ",direct=2", err), -1);
-    EXPECT_EQ(err, "bad value \"2\" for device spec key \"direct\"");
+    EXPECT_EQ(err, "bad value \"2\" for device text key \"direct\"");
 }
 
 TEST_F(FileDev, ALoopRunAtDepth32KeepsThirtyTwoAtTheDevice) {

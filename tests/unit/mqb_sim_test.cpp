@@ -85,9 +85,9 @@ struct Sim : ::testing::Test {
 
 TEST(SimSpec, BadSpecsAreRefusedWithTheirMessage) {
     const struct { const char* spec; const char* err; } bad[] = {
-        {"sim:foo=1", "unknown device spec key \"foo\""}, {"sim:store", "device spec item \"store\" is not key=value"},
-        {"sim:blocks=12x", "bad value \"12x\" for device spec key \"blocks\""}, {"disk", "unknown device type \"disk\""},
-        {"file:/dev/null", "\"/dev/null\" is smaller than one block"}, {"", "empty device spec"},
+        {"sim:foo=1", "unknown device text key \"foo\""}, {"sim:store", "device text item \"store\" is not key=value"},
+        {"sim:blocks=12x", "bad value \"12x\" for device text key \"blocks\""}, {"disk", "unknown device type \"disk\""},
+        {"file:/dev/null", "\"/dev/null\" is smaller than one block"}, {"", "empty device text"},
     };
     for (const auto& b : bad) {
         std::string err;
@@ -306,7 +306,7 @@ TEST(SimStore, FullStoreFailsWritesLikeAThinDiskAndKeepsWhatItHas) {
     }
     std::string err;
     EXPECT_EQ(mqb::addDevice("sim:storemax=lots", err), -1);
-    EXPECT_EQ(err, "bad value \"lots\" for device spec key \"storemax\"");
+    EXPECT_EQ(err, "bad value \"lots\" for device text key \"storemax\"");
 }
 
 // Two threads read two stored disks into one buffer at once, as the
