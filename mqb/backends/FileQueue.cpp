@@ -61,9 +61,7 @@ bool FileQueue::ringAvailable() {
 
 FileQueue::FileQueue(FileDisk& disk, int depth, bool useRing)
     : disk_(disk), cap_(depth > 0 ? depth : 1), bs_(disk.blockSize()),
-      ops_(new Op[size_t(cap_)]), free_(new int[size_t(cap_)]), nFree_(cap_),
-      done_(new int[size_t(cap_)]) {
-    for (int i = 0; i < cap_; ++i) free_[i] = cap_ - 1 - i;
+      ops_(new Op[size_t(cap_)]), free_(cap_), done_(cap_) {
 #if MQB_HAVE_URING
     // One SQE per op is all the queue ever needs: an op has one transfer in
     // flight at a time.
@@ -249,16 +247,11 @@ void FileQueue::runSync(Op& op) {
     } while (advance(op, res));
 }
 
-void FileQueue::finish(int i) {
-    int pos = doneHead_ + doneCount_;
-    if (pos >= cap_) pos -= cap_;
-    done_[pos] = i;
-    ++doneCount_;
-}
+void FileQueue::finish(int i) { done_.push(i); }
 
 int FileQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
-    if (nFree_ == 0) return MQB_ERR_QUEUE_FULL;
-    const int i = free_[--nFree_];
+    if (free_.available() == 0) return MQB_ERR_QUEUE_FULL;
+    const int i = free_.take();
     Op& op = ops_[i];
     op.token = token;
     op.out = out;
@@ -338,7 +331,7 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     if (ringUp_) {
         io_uring* r = &ring_->ring;
         takeCqes();
-        while (doneCount_ < min && ring_->withKernel > 0) {
+        while (done_.size() < min && ring_->withKernel > 0) {
             io_uring_cqe* cqe = nullptr;
             int rc;
             if (timeoutNs < 0) {
@@ -354,7 +347,7 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
                 }
             }
             if (rc < 0 && rc != -EINTR && rc != -EBUSY && rc != -EAGAIN) {
-                if (doneCount_ == 0) return MQB_ERR_IO;
+                if (done_.empty()) return MQB_ERR_IO;
                 break;
             }
             takeCqes();
@@ -367,12 +360,10 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
 #endif
     (void)timeoutNs;
     int n = 0;
-    while (n < max && doneCount_ > 0) {
-        const int i = done_[doneHead_];
-        if (++doneHead_ == cap_) doneHead_ = 0;
-        --doneCount_;
+    while (n < max && !done_.empty()) {
+        const int i = done_.pop();
         tokens[n++] = ops_[i].token;
-        free_[nFree_++] = i;
+        free_.give(i);
     }
     return n;
 }

@@ -5,6 +5,7 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include "IndexRing.h"
 #include "Queue.h"
 
 namespace mqb {
@@ -24,7 +25,7 @@ public:
     int submit(const Command& cmd, Outcome* out, uint64_t token) override;
     int commit() override;
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
-    int outstanding() const override { return cap_ - nFree_; }
+    int outstanding() const override { return cap_ - free_.available(); }
 
     // "io_uring", or "sync" for the synchronous fallback.
     const char* kind() const override { return ringUp_ ? "io_uring" : "sync"; }
@@ -87,10 +88,8 @@ private:
     const int cap_;
     const uint64_t bs_;
     std::unique_ptr<Op[]> ops_;
-    std::unique_ptr<int[]> free_;  // stack of unused op indexes
-    int nFree_;
-    std::unique_ptr<int[]> done_;  // finished ops not yet reaped, oldest first
-    int doneHead_ = 0, doneCount_ = 0;
+    FreeSlots free_;        // unused op indexes
+    IndexRing<int> done_;   // finished ops not yet reaped, oldest first
     // The io_uring, when there is one (kept out of this header so that the
     // layout does not depend on how liburing was found).
     struct Ring;

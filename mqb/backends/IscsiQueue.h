@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 #include "IscsiDisk.h"
+#include "IndexRing.h"
 #include "Queue.h"
 
 struct iscsi_context;
@@ -69,10 +70,8 @@ private:
     const int timeoutSec_;
     const int64_t timeoutNs_;
     std::vector<Slot> slots_;
-    std::vector<int> free_;          // indexes of idle slots, used as a stack
-    int nFree_;
-    std::vector<uint64_t> done_;     // ring of finished tokens not yet reaped
-    int doneHead_ = 0, doneCount_ = 0;
+    FreeSlots free_;                 // indexes of idle slots
+    IndexRing<uint64_t> done_;       // finished tokens not yet reaped, oldest first
     int inFlight_ = 0;               // with the target (callback not yet run)
     int outstanding_ = 0;            // submitted and not yet reaped
     bool uncommitted_ = false;

@@ -4,6 +4,7 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include "IndexRing.h"
 #include "Queue.h"
 
 namespace mqb {
@@ -17,7 +18,7 @@ public:
     int commit() override;
     // Sleeps until the earliest command is due when fewer than `min` are.
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
-    int outstanding() const override { return count_; }
+    int outstanding() const override { return ring_.size(); }
     const char* kind() const override { return "sim"; }
 
 private:
@@ -30,11 +31,8 @@ private:
     uint64_t popHead();
     SimDisk& disk_;
     const uint64_t latencyNs_;
-    std::unique_ptr<Entry[]> ring_;
-    const int cap_;
-    int head_ = 0;       // oldest entry
-    int count_ = 0;      // entries held
-    int committed_ = 0;  // the first `committed_` entries from head_ have a due time
+    IndexRing<Entry> ring_;  // oldest first
+    int committed_ = 0;      // the first `committed_` entries have a due time
 };
 
 }  // namespace mqb

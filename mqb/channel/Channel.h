@@ -9,6 +9,7 @@
 #include <vector>
 #include "DeviceTable.h"
 #include "MQB.h"
+#include "backends/IndexRing.h"
 #include "backends/Queue.h"
 #include "channel/CmdTicket.h"
 #include "channel/Device.h"
@@ -18,7 +19,7 @@
 namespace mqb {
 
 // Commands one channel holds at once (the largest queue depth ioctl 106
-// takes). A power of two: the ready ring wraps with a mask.
+// takes).
 constexpr int kQueueCap = 256;
 
 // How long receive() waits on one queue before looking at the others, when
@@ -67,11 +68,9 @@ struct MQB::Impl {
     int          logLevel = 0;
 
     Slot slots[mqb::kQueueCap];
-    int  freeSlots[mqb::kQueueCap];  // stack of unused slot indexes
-    int  nFree = mqb::kQueueCap;
+    mqb::FreeSlots freeSlots{mqb::kQueueCap};  // unused slot indexes
     // Finished commands not yet received, in finishing order.
-    int  ready[mqb::kQueueCap];
-    int  readyHead = 0, readyCount = 0;
+    mqb::IndexRing<int> ready{mqb::kQueueCap};
     // Commands in some lane's queue; sends not yet committed, over all lanes.
     int  inQueues = 0, uncommitted = 0;
     std::vector<std::unique_ptr<Lane>> lanes;  // one per device used, few
@@ -93,16 +92,10 @@ struct MQB::Impl {
     uint8_t  sense[mqb::kMaxSense] = {};
 
     explicit Impl(const std::string& d) : driver(d) {
-        for (int i = 0; i < mqb::kQueueCap; ++i) {
-            freeSlots[i] = mqb::kQueueCap - 1 - i;
-            slots[i].used = false;
-        }
+        for (Slot& s : slots) s.used = false;
     }
 
-    void pushReady(int slot) {
-        ready[(readyHead + readyCount) & (mqb::kQueueCap - 1)] = slot;
-        ++readyCount;
-    }
+    void pushReady(int slot) { ready.push(slot); }
     // A command is done at the device: its latency is recorded, its data
     // checked (which may change its outcome) and it is ready to be received.
     void complete(int idx) {

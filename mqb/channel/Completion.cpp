@@ -152,14 +152,14 @@ int MQB::Impl::collect() {
             // Loops only while read-backs went back to the queue.
             do {
                 reapLane(*busy, 1, -1);
-            } while (readyCount == 0 && nDelayed == 0 && busy->atDevice + busy->uncommitted > 0);
-            if (readyCount > 0) return MQB_OK;
+            } while (ready.empty() && nDelayed == 0 && busy->atDevice + busy->uncommitted > 0);
+            if (!ready.empty()) return MQB_OK;
             if (nDelayed == 0) return MQB_ERR_IO;  // an unbounded reap that brought nothing back
         }
     }
     for (;;) {
         if (nDelayed > 0) promoteDue();
-        if (readyCount > 0) return MQB_OK;
+        if (!ready.empty()) return MQB_OK;
         int64_t wait = -1;  // how long a reap may block: until the next hold ends
         if (nDelayed > 0) {
             const uint64_t due = earliestHold(), now = mqb::steadyNs();
@@ -176,19 +176,19 @@ int MQB::Impl::collect() {
         }
         if (nBusy == 1) {
             reapLane(*busy, 1, wait);
-            if (wait < 0 && readyCount == 0 && nDelayed == 0 &&
+            if (wait < 0 && ready.empty() && nDelayed == 0 &&
                 busy->atDevice + busy->uncommitted == 0)
                 return MQB_ERR_IO;  // an unbounded reap that brought nothing back
             continue;
         }
         for (auto& l : lanes)
             if (l->atDevice + l->uncommitted > 0) reapLane(*l, 0, 0);
-        if (readyCount > 0) continue;
+        if (!ready.empty()) continue;
         const int64_t poll = wait >= 0 && wait < kPollNs ? wait : kPollNs;
         for (auto& l : lanes) {
             if (l->atDevice + l->uncommitted == 0) continue;
             reapLane(*l, 1, poll);
-            if (readyCount > 0 || nDelayed > 0) break;
+            if (!ready.empty() || nDelayed > 0) break;
         }
     }
 }

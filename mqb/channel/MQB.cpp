@@ -165,9 +165,9 @@ int MQB::send(unsigned char* record) {
     mqb::Device* d = m.dev;
     if (!d) return MQB_ERR_NO_DEVICE;
     if (d->locked()) return MQB_ERR_LOCKED;
-    if (m.nFree == 0) return MQB_ERR_QUEUE_FULL;
+    if (m.freeSlots.available() == 0) return MQB_ERR_QUEUE_FULL;
 
-    const int idx = m.freeSlots[m.nFree - 1];
+    const int idx = m.freeSlots.next();
     Slot& s = m.slots[idx];
     mqb::Command c;
     s.tag = mqb::decodeRecord(record, s.cdb, c);
@@ -194,7 +194,7 @@ int MQB::send(unsigned char* record) {
         l->counters->sense.note(s.out.sense, s.out.senseLen);
         return s.out.status;
     case mqb::Device::Admit::Answered:
-        --m.nFree;
+        m.freeSlots.take();
         s.used = true;
         m.complete(idx);
         return MQB_OK;
@@ -213,7 +213,7 @@ int MQB::send(unsigned char* record) {
         m.data.onDrop(*d, s.tk);
         return rc;
     }
-    --m.nFree;
+    m.freeSlots.take();
     s.used = true;
     s.lane = l;
     s.fromQueue = true;
@@ -230,18 +230,16 @@ int MQB::send(unsigned char* record) {
 // MQB_ERR_IO when commands are with a transport that cannot be waited on.
 int MQB::receive() {
     Impl& m = *impl_;
-    if (m.readyCount + m.inQueues + m.nDelayed == 0) return MQB_ERR_NOTHING_OUT;
+    if (m.ready.size() + m.inQueues + m.nDelayed == 0) return MQB_ERR_NOTHING_OUT;
     if (m.nDelayed > 0) m.promoteDue();
-    if (m.readyCount == 0) {
+    if (m.ready.empty()) {
         const int rc = m.collect();
         if (rc != MQB_OK) return rc;
     } else if (m.uncommitted > 0) {
         m.commitAll();
     }
-    const int idx = m.ready[m.readyHead];
-    m.readyHead = (m.readyHead + 1) & (kQueueCap - 1);
-    --m.readyCount;
-    m.freeSlots[m.nFree++] = idx;
+    const int idx = m.ready.pop();
+    m.freeSlots.give(idx);
     Slot& s = m.slots[idx];
     s.used = false;
     m.haveLast = true;
@@ -316,7 +314,7 @@ const std::string& MQB::driver() const { return impl_->driver; }
 void MQB::setDriver(const std::string& driver) { impl_->driver = driver; }
 void MQB::setCloneAllowed(bool allowed) { impl_->cloneOk = allowed; }
 bool MQB::cloneAllowed() const { return impl_->cloneOk; }
-int MQB::outstanding() const { return kQueueCap - impl_->nFree; }
+int MQB::outstanding() const { return kQueueCap - impl_->freeSlots.available(); }
 
 int MQB::commit() {
     Impl& m = *impl_;
