@@ -14,6 +14,7 @@
 
 #include "KIVLoop.h"
 #include "Metrics.h"
+#include "WallClock.h"
 
 namespace {
 // Time the interpreter's thread waits between drains of the print buffer.
@@ -488,11 +489,4 @@ int KIVControl::tclEval(Tcl_Interp* in, const char* script) {
 }
 
 // Wall-clock milliseconds, wrapping modulo 2^32.
-uint32_t KIVControl::getMS() {
-    static struct timeval tv;
-    static struct timezone tz;
-    tz.tz_minuteswest = 0;
-    tz.tz_dsttime = 0;
-    gettimeofday(&tv, &tz);
-    return (uint32_t)((uint64_t)tv.tv_sec * 1000u + (uint64_t)tv.tv_usec / 1000u);
-}
+uint32_t KIVControl::getMS() { return (uint32_t)wallClockMs(); }

@@ -9,6 +9,7 @@
 #include "KIVControl.h"
 #include "MQB.h"
 #include "SenseParser.h"
+#include "WallClock.h"
 
 namespace {
 constexpr auto kRelaxed = std::memory_order_relaxed;
@@ -118,14 +119,7 @@ void KIVLoop::unloadFunc() {
 }
 
 // Returns the wall-clock time in whole seconds, truncated to 32 bits.
-uint32_t KIVLoop::getSec() {
-    static struct timeval time;
-    static struct timezone tz;
-    tz.tz_minuteswest = 0;
-    tz.tz_dsttime = 0;
-    gettimeofday(&time, &tz);
-    return (uint32_t)(((uint64_t)time.tv_sec * 1000 + (uint64_t)time.tv_usec / 1000) / 1000);
-}
+uint32_t KIVLoop::getSec() { return (uint32_t)(wallClockMs() / 1000); }
 
 // One draw of the process's shared rand() generator.
 int KIVLoop::hirand() { return rand(); }

@@ -21,34 +21,34 @@ constexpr uint64_t kMaxBlocks = 1ULL << 48;
 constexpr uint64_t kMaxBlockSize = 1ULL << 20;
 constexpr uint64_t kMaxLatencyUs = 10000000;  // ten seconds
 
+// The options of a sim device text: each key's range and the field it sets.
+struct SimKey {
+    const char* key;
+    uint64_t    lo, hi;
+    void (*set)(SimConfig&, uint64_t);
+};
+const SimKey kSimKeys[] = {
+    {"blocks", 1, kMaxBlocks, [](SimConfig& c, uint64_t v) { c.blocks = v; }},
+    {"bs", 0, kMaxBlockSize, [](SimConfig& c, uint64_t v) { c.blockSize = uint32_t(v); }},
+    {"lazybs", 0, 1, [](SimConfig& c, uint64_t v) { c.lazyBlockSize = v == 1; }},
+    {"latency", 0, kMaxLatencyUs, [](SimConfig& c, uint64_t v) { c.latencyUs = uint32_t(v); }},
+    {"store", 0, 1, [](SimConfig& c, uint64_t v) { c.store = v == 1; }},
+    {"storemax", 0, UINT64_MAX, [](SimConfig& c, uint64_t v) { c.storeMax = v; }},
+};
+
 }  // namespace
 
 bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err) {
     return devtext::forEachOption(params, ',', err, [&](const std::string& key, const std::string& text) {
-        uint64_t v = 0;
-        if (key == "blocks") {
-            if (!devtext::number(key, text, 1, kMaxBlocks, v, err)) return false;
-            cfg.blocks = v;
-        } else if (key == "bs") {
-            if (!devtext::number(key, text, 0, kMaxBlockSize, v, err)) return false;
-            cfg.blockSize = uint32_t(v);
-        } else if (key == "lazybs") {
-            if (!devtext::number(key, text, 0, 1, v, err)) return false;
-            cfg.lazyBlockSize = v == 1;
-        } else if (key == "latency") {
-            if (!devtext::number(key, text, 0, kMaxLatencyUs, v, err)) return false;
-            cfg.latencyUs = uint32_t(v);
-        } else if (key == "store") {
-            if (!devtext::number(key, text, 0, 1, v, err)) return false;
-            cfg.store = v == 1;
-        } else if (key == "storemax") {
-            if (!devtext::number(key, text, 0, UINT64_MAX, v, err)) return false;
-            cfg.storeMax = v;
-        } else {
-            err = devtext::unknownKey(key);
-            return false;
+        for (const SimKey& k : kSimKeys) {
+            if (key != k.key) continue;
+            uint64_t v = 0;
+            if (!devtext::number(key, text, k.lo, k.hi, v, err)) return false;
+            k.set(cfg, v);
+            return true;
         }
-        return true;
+        err = devtext::unknownKey(key);
+        return false;
     });
 }
 
