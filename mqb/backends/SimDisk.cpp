@@ -91,17 +91,34 @@ void SimDisk::execute(const Command& c, Outcome& out) {
     }
 }
 
+namespace {
+
+// Walks the bytes of up to `tl` blocks from `lba` (no more than `len`) in a
+// store of `chunkBytes`-byte chunks: f(chunk, offset in it, bytes) for each
+// piece in order, until f returns false. Returns false when it did.
+template <typename F>
+bool walkChunks(uint64_t bs, uint64_t chunkBytes, uint64_t lba, uint32_t tl, uint64_t len, F&& f) {
+    uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
+    while (left > 0) {
+        const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
+        const uint64_t n = std::min(left, chunkBytes - within);
+        if (!f(ci, within, n)) return false;
+        off += n;
+        left -= n;
+    }
+    return true;
+}
+
+}  // namespace
+
 // Copies up to tl blocks (bounded by the buffer length) into the store,
 // allocating the chunks it touches for the first time. Returns false, having
 // stored what fitted, when a chunk would take the store past storemax or
 // cannot be allocated.
 bool SimDisk::storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t len) {
-    const uint64_t bs = cfg_.blockSize, chunkBytes = kChunkBlocks * bs;
-    uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
+    const uint64_t chunkBytes = kChunkBlocks * cfg_.blockSize;
     std::lock_guard<std::mutex> g(storeLock_);
-    while (left > 0) {
-        const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
-        const uint64_t n = std::min(left, chunkBytes - within);
+    return walkChunks(cfg_.blockSize, chunkBytes, lba, tl, len, [&](uint64_t ci, uint64_t within, uint64_t n) {
         auto it = chunks_.find(ci);
         if (it == chunks_.end()) {
             if (storeBytes_ + chunkBytes > cfg_.storeMax) return false;
@@ -115,33 +132,26 @@ bool SimDisk::storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t
             }
             storeBytes_ += chunkBytes;
         }
-        auto& chunk = it->second;
-        std::memcpy(chunk.get() + within, src, n);
+        std::memcpy(it->second.get() + within, src, n);
         src += n;
-        off += n;
-        left -= n;
-    }
-    return true;
+        return true;
+    });
 }
 
 // Copies up to tl blocks (bounded by the buffer length) out of the store;
 // blocks never written read as zeros.
 void SimDisk::storeRead(uint64_t lba, uint32_t tl, uint8_t* dst, uint64_t len) {
-    const uint64_t bs = cfg_.blockSize, chunkBytes = kChunkBlocks * bs;
-    uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
     std::lock_guard<std::mutex> g(storeLock_);
-    while (left > 0) {
-        const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
-        const uint64_t n = std::min(left, chunkBytes - within);
-        auto it = chunks_.find(ci);
-        if (it == chunks_.end())
-            relaxedZero(dst, n);
-        else
-            relaxedCopy(dst, it->second.get() + within, n);
-        dst += n;
-        off += n;
-        left -= n;
-    }
+    walkChunks(cfg_.blockSize, kChunkBlocks * cfg_.blockSize, lba, tl, len,
+               [&](uint64_t ci, uint64_t within, uint64_t n) {
+                   auto it = chunks_.find(ci);
+                   if (it == chunks_.end())
+                       relaxedZero(dst, n);
+                   else
+                       relaxedCopy(dst, it->second.get() + within, n);
+                   dst += n;
+                   return true;
+               });
 }
 
 }  // namespace mqb
