@@ -40,8 +40,8 @@ public:
     KIVLoop*        loops[255];
 
     // Statistics state
-    uint32_t prevOps[255];
-    uint32_t curOps[255];
+    uint64_t prevOps[255];
+    uint64_t curOps[255];
     uint64_t prevBlocks[255];
     uint64_t curBlocks[255];
     int      secondsPerReport;
@@ -174,6 +174,9 @@ public:
     static void* startThread(void* loop);
     void analyzeLoop();
     void finishLoop();
+    // Ends a run that an exception is leaving (see RunGuard in run()).
+    void abandonRun(bool started) noexcept;
+    class RunGuard;
     // Ends a run the process is leaving mid-way (exit from a script during the
     // run): stops and joins the test threads, then flushes and closes the
     // output files. Makes no Tcl call. Nothing to do when no test runs.

@@ -4,10 +4,14 @@
 // passes; the entries go into the error control table that testErr consults.
 #include "KIVControl.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "RegularFile.h"
 
 namespace {
 
@@ -121,14 +125,18 @@ void KIVControl::processUEC(char c1, char c2, char c3, char c4, bool halt) {
 // kMaxFileBytes, -13 at the first malformed line (entries read before it stay
 // in the table). Messages go to the process's stdout.
 int KIVControl::parseErrorFile(const char* path) {
-    FILE* f = (path != nullptr) ? fopen(path, "r") : nullptr;
-    if (f == nullptr) return kFileNotFound;
-    struct stat st;
-    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+    // Checked before anything is read, by an open that never waits: a named
+    // pipe with no writer would otherwise hold the shell in the open.
+    const int fd = mqb::openRegularFile(path, O_RDONLY);
+    if (fd < 0 && errno == EINVAL && path != nullptr) {
         printf("<E> Error file %s is not a regular file\n", path);
         fflush(stdout);
-        fclose(f);
         return kFileIO;
+    }
+    FILE* f = fd >= 0 ? fdopen(fd, "r") : nullptr;
+    if (f == nullptr) {
+        if (fd >= 0) close(fd);
+        return kFileNotFound;
     }
 
     // A line longer than the buffer is read on as a line of its own.

@@ -9,12 +9,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
+#include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include "KIVLoop.h"
 #include "Metrics.h"
 #include "WallClock.h"
+#include "RegularFile.h"
 
 namespace {
 // Time the interpreter's thread waits between drains of the print buffer.
@@ -50,7 +53,59 @@ void onInterrupt(int sig) {
     interruptSeen.store(true);
     errno = savedErrno;
 }
+// Opens a run's output file for writing, appending or truncating, with an
+// open that never waits: a named pipe, a socket or a directory is refused
+// (null), a regular file or a character device such as /dev/null is taken.
+FILE* openRunFile(const char* name, bool append) {
+    const int fd = mqb::openRegularFile(name, O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC),
+                                        0666, mqb::FileKinds::RegularOrCharDevice);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, append ? "a" : "w");
+    if (!f) close(fd);
+    return f;
+}
 }  // namespace
+
+// Whatever way run() is left, the object is left as a normal end leaves it:
+// a run given up by an exception is ended by abandonRun. A run that ended
+// normally (or was refused) has `running` false, and the guard does nothing.
+class KIVControl::RunGuard {
+public:
+    explicit RunGuard(KIVControl& c) : c_(c) {}
+    ~RunGuard() {
+        if (c_.running) c_.abandonRun(started);
+    }
+    RunGuard(const RunGuard&) = delete;
+    RunGuard& operator=(const RunGuard&) = delete;
+    bool started = false;  // past set-up: the window, kiv_run and the handlers are the run's
+
+private:
+    KIVControl& c_;
+};
+
+// Ends a run left by an exception: every loop is told to stop; during set-up
+// the loops built so far are destroyed, afterwards finishLoop ends the run as
+// usual (threads joined, files closed, window finished, kiv_run 0, the
+// interrupt handlers restored, "KIV: test complete"). Should that fail too,
+// at least kiv_run, `running` and the handlers are put back. Never throws.
+void KIVControl::abandonRun(bool started) noexcept {
+    try {
+        for (int i = 0; i < numDevices; i++)
+            if (loops[i]) loops[i]->requestStop();
+        if (started) {
+            finishLoop();
+            return;
+        }
+        for (int i = 0; i < numDevices; i++) {
+            delete loops[i];
+            loops[i] = nullptr;
+        }
+    } catch (...) {
+        if (started) Tcl_SetVar2(interp, "kiv_run", nullptr, "0", TCL_GLOBAL_ONLY);
+    }
+    running = false;
+    releaseInterrupts();
+}
 
 void KIVControl::catchInterrupts() {
     interruptSeen.store(false);
@@ -78,7 +133,8 @@ bool KIVControl::interrupted() { return interruptSeen.load(); }
 // report, builds one loop per device and runs it here (single-threaded) or in
 // one thread per loop polled from here (multi-threaded). A refused run (no
 // device, or a device that cannot be set up) destroys what it built and leaves
-// `running` false without touching kiv_run. Always returns 0.
+// `running` false without touching kiv_run. A run left by an exception is
+// ended first (abandonRun), then the exception goes on. Returns 0.
 int KIVControl::run() {
     if (running) return 0;
 
@@ -125,6 +181,7 @@ int KIVControl::run() {
     }
 
     running = true;
+    RunGuard guard(*this);
     for (int i = 0; i < numDevices; i++) {
         loops[i] = new KIVLoop(this, mqbManager, devices[i], threadMode, testType, mixRatio,
                                testCmd, readPct, writePct, wrvPct, verifyPct, minLba, maxLba,
@@ -163,6 +220,7 @@ int KIVControl::run() {
         return 0;
     }
 
+    guard.started = true;
     if (statMode == 2) setupWindow();
     Tcl_SetVar2(interp, "kiv_run", nullptr, "1", TCL_GLOBAL_ONLY);
     catchInterrupts();
@@ -214,7 +272,7 @@ void KIVControl::initLoop() {
     errLogWriteErr = 0;
     errStatWriteErr = 0;
     if (statLogfileName) {
-        statLogfile = fopen(statLogfileName, statAppend ? "a" : "w");
+        statLogfile = openRunFile(statLogfileName, statAppend);
         if (!statLogfile) {
             print("KIV: <E> Could not open stat logfile for writing");
             free(statLogfileName);
@@ -222,7 +280,7 @@ void KIVControl::initLoop() {
         }
     }
     if (errLogfileName) {
-        errLogfile = fopen(errLogfileName, errorAppend ? "a" : "w");
+        errLogfile = openRunFile(errLogfileName, errorAppend);
         if (!errLogfile) {
             print("KIV: <E> Could not open error logfile for writing");
             free(errLogfileName);
@@ -230,7 +288,7 @@ void KIVControl::initLoop() {
         }
     }
     if (errStatFileName) {
-        errStatFile = fopen(errStatFileName, "w");
+        errStatFile = openRunFile(errStatFileName, false);
         if (!errStatFile) {
             print("KIV: <E> Could not open error stat file for writing");
             free(errStatFileName);
@@ -255,13 +313,27 @@ void KIVControl::initLoop() {
 }
 
 // Body of one test thread: runs its loop to the end. The creator has already
-// counted the thread in runcount; this lowers it when the loop returns.
+// counted the thread in runcount; this lowers it when the loop returns. An
+// exception ends that device's test with a message, never the process.
 void* KIVControl::startThread(void* arg) {
     KIVLoop* loop = static_cast<KIVLoop*>(arg);
     printf("starting thread\n");
     fflush(stdout);
     thread_start.store(true);
-    loop->run();
+    const char* why = nullptr;
+    try {
+        loop->run();
+    } catch (const std::bad_alloc&) {
+        why = "Out Of Memory";
+    } catch (...) {
+        why = "internal error";
+    }
+    if (why) {
+        loop->running.store(false, std::memory_order_relaxed);
+        char msg[120];
+        snprintf(msg, sizeof msg, "KIV: <E> Test of device %u ended: %s", loop->deviceIdx, why);
+        loop->control->printThreaded(msg);
+    }
     runcount.fetch_sub(1);
     printf("exiting thread\n");
     fflush(stdout);

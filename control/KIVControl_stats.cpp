@@ -86,7 +86,7 @@ void KIVControl::analyze(bool final) {
             uint32_t errs = (uint32_t)l->errCount.load(std::memory_order_relaxed);
             bool loopRunning = l->running.load(std::memory_order_relaxed);
 
-            snprintf(tbuff, sizeof tbuff, "%4u %5s %3s %9u %9zu %4zu %4u %8" PRIu64 " %3" PRIu64 ".%02" PRIu64 " %7u",
+            snprintf(tbuff, sizeof tbuff, "%4u %5s %3s %9" PRIu64 " %9zu %4zu %4u %8" PRIu64 " %3" PRIu64 ".%02" PRIu64 " %7u",
                      l->deviceIdx, testLabel, cmdName, curOps[i], (size_t)lba, (size_t)tl,
                      (unsigned)elapsedSec, opsPerSec, whole, hundredths, errs);
 
@@ -120,7 +120,7 @@ void KIVControl::analyze(bool final) {
                 Tcl_SetVar2(interp, "kiv_test_type", nullptr, testLabel, 0);
                 snprintf(tbuff, sizeof tbuff, "%u", cmd);
                 Tcl_SetVar2(interp, "kiv_last_cmd", nullptr, tbuff, 0);
-                snprintf(tbuff, sizeof tbuff, "%u", curOps[i]);
+                snprintf(tbuff, sizeof tbuff, "%" PRIu64, curOps[i]);
                 Tcl_SetVar2(interp, "kiv_ops", nullptr, tbuff, 0);
                 snprintf(tbuff, sizeof tbuff, "%zu", (size_t)lba);
                 Tcl_SetVar2(interp, "kiv_last_lba", nullptr, tbuff, 0);

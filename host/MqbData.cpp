@@ -75,18 +75,37 @@ int cmdLatency(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     return TCL_OK;
 }
 
-// mqb journal IDX save|load FILE: the device's lost-write journal to or
-// from a file.
+// mqb journal IDX save|load FILE, mqb journal IDX info: the device's
+// lost-write journal to or from a file, or what it knows.
 int cmdJournal(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    enum class Sub { Save, Load };
-    static const Named<Sub> subs[] = {{"save", Sub::Save}, {"load", Sub::Load}, {nullptr, Sub::Save}};
-    if (objc != 5) { Tcl_WrongNumArgs(interp, 2, objv, "IDX save|load FILE"); return TCL_ERROR; }
+    enum class Sub { Save, Load, Info };
+    static const Named<Sub> subs[] = {
+        {"save", Sub::Save}, {"load", Sub::Load}, {"info", Sub::Info}, {nullptr, Sub::Save}};
+    if (objc < 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX save|load FILE | IDX info"); return TCL_ERROR; }
     int idx;
     Sub which;
     if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
     if (lookup(interp, objv[3], subs, "journal subcommand", which) != TCL_OK)
         return TCL_ERROR;
+    if (objc != (which == Sub::Info ? 4 : 5)) {
+        Tcl_WrongNumArgs(interp, 4, objv, which == Sub::Info ? nullptr : "FILE");
+        return TCL_ERROR;
+    }
     std::string err;
+    if (which == Sub::Info) {
+        mqb::JournalInfo ji;
+        if (!mqb::journalInfo(idx, ji, err))
+            return fail(interp, "no journal for device " + std::to_string(idx) + ": " + err);
+        Tcl_Obj* d = Tcl_NewDictObj();
+        dictPut(interp, d, "known", wideObj(ji.known));
+        dictPut(interp, d, "ambiguous", wideObj(ji.ambiguous));
+        dictPut(interp, d, "in_doubt", wideObj(ji.inDoubt));
+        dictPut(interp, d, "unknown", wideObj(ji.unknown));
+        dictPut(interp, d, "memory", wideObj(ji.residentBytes));
+        dictPut(interp, d, "file", Tcl_NewStringObj(ji.file.c_str(), -1));
+        Tcl_SetObjResult(interp, d);
+        return TCL_OK;
+    }
     const std::string path = Tcl_GetString(objv[4]);
     const bool ok = which == Sub::Save ? mqb::journalSave(idx, path, err) : mqb::journalLoad(idx, path, err);
     if (!ok)

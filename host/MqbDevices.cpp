@@ -86,6 +86,10 @@ int cmdStats(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     dictPut(interp, d, "fast_reads", Tcl_NewBooleanObj(s.fastReads));
     dictPut(interp, d, "data_mode", Tcl_NewIntObj(s.dataMode));
     dictPut(interp, d, "miscompares", wideObj(s.miscompares));
+    dictPut(interp, d, "miscompare_stale", wideObj(s.staleBlocks));
+    dictPut(interp, d, "miscompare_wrong_lba", wideObj(s.wrongLbaBlocks));
+    dictPut(interp, d, "miscompare_torn", wideObj(s.tornBlocks));
+    dictPut(interp, d, "miscompare_unstamped", wideObj(s.unstampedBlocks));
     Tcl_SetObjResult(interp, d);
     return TCL_OK;
 }
@@ -108,7 +112,7 @@ int cmdTrace(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     switch (which) {
     case Sub::Start: {
         Tcl_WideInt limit = 0;
-        if (objc == 5 && getCount(interp, objv[4], "trace limit", INT64_MAX, limit) != TCL_OK)
+        if (objc == 5 && getCount(interp, objv[4], "trace limit", Tcl_WideInt(mqb::kMaxTraceLimit), limit) != TCL_OK)
             return TCL_ERROR;
         mqb::traceStart(idx, uint64_t(limit));
         return TCL_OK;

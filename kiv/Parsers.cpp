@@ -17,8 +17,9 @@ int parseOpInfo(MQBManager* manager, const char* text, int& ops, Tcl_Interp* int
 }
 
 // Converts one bound of -lba (the part is modified in place). "<n>%" gives
-// n/100 capped at 1.0, a plain number the number itself. Returns 0, getInt's
-// flags, or 1 when a percent sign is not the part's last character.
+// n/100 capped at 1.0, a plain number the number itself (an LBA past 32 bits
+// included). Returns 0, getInt's flags, or 1 when a percent sign is not the
+// part's last character.
 static int parseLBAPart(char* part, double& bound, MQBManager* manager, Tcl_Interp* interp) {
     unsigned int n = 0;
     char* pct = strchr(part, '%');
@@ -29,6 +30,11 @@ static int parseLBAPart(char* part, double& bound, MQBManager* manager, Tcl_Inte
         if (rc != 0) return rc;
         bound = n / 100.0;
         if (bound > 1.0) bound = 1.0;
+        return 0;
+    }
+    uint64_t wide = 0;
+    if (Utils::getWide(wide, part) && wide > 0xFFFFFFFFull) {
+        bound = (double)wide;
         return 0;
     }
     int rc = Utils::getInt(n, part, interp, manager);

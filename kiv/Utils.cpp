@@ -121,6 +121,27 @@ int atoiBin(T& out, const char* text) {
     return flags;
 }
 
+// The number in `text` by its prefix ("$"/"0x" hex, "0b" binary, "0" octal,
+// "-" negative, else decimal), with getInt's flags; no keywords, no messages.
+template <typename T>
+int convert(T& out, const char* text) {
+    size_t len = strlen(text);
+    if (len <= 1) return atoiDec(out, text);
+    if (text[0] == '$') return atoiHex(out, text + 1);
+    if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) return atoiHex(out, text + 2);
+    if (text[0] == '0' && (text[1] == 'b' || text[1] == 'B')) return atoiBin(out, text + 2);
+    if (text[0] == '0') return atoiOctal(out, text + 1);
+    if (text[0] == '-') return atoiDecNeg(out, text + 1);
+    return atoiDec(out, text);
+}
+
+bool getWide(uint64_t& out, const char* text) {
+    unsigned long long v = 0;
+    if (text == nullptr || convert(v, text) != 0) return false;
+    out = v;
+    return true;
+}
+
 // Picks the base from the prefix, converts, and falls back to the keywords when
 // the text is not a number. Returns the GetIntFlags; `out` keeps the digits read
 // so far on failure. A bad format is explained in the interpreter result, the
@@ -132,22 +153,7 @@ int getInt(T& out, const char* text, Tcl_Interp* interp, MQBManager* manager) {
         fflush(stderr);
         return GETINT_FORMAT;
     }
-    size_t len = strlen(text);
-    int flags;
-    if (len <= 1)
-        flags = atoiDec(out, text);
-    else if (text[0] == '$')
-        flags = atoiHex(out, text + 1);
-    else if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
-        flags = atoiHex(out, text + 2);
-    else if (text[0] == '0' && (text[1] == 'b' || text[1] == 'B'))
-        flags = atoiBin(out, text + 2);
-    else if (text[0] == '0')
-        flags = atoiOctal(out, text + 1);
-    else if (text[0] == '-')
-        flags = atoiDecNeg(out, text + 1);
-    else
-        flags = atoiDec(out, text);
+    int flags = convert(out, text);
 
     if (flags & GETINT_FORMAT) {
         static const char* const ones[] = {"start", "yes", "true", "on"};

@@ -1,5 +1,6 @@
 // Utils.h: the integer converter behind every numeric and boolean kiv option.
 #pragma once
+#include <cstdint>
 #include <tcl.h>
 
 class MQBManager;
@@ -21,6 +22,11 @@ enum GetIntFlags {
 // sign diagnostics go to standard error. Instantiated for unsigned int only.
 template <typename T>
 int getInt(T& out, const char* text, Tcl_Interp* interp, MQBManager* manager);
+
+// A number of up to 64 bits in any of getInt's bases, for values past 32 bits
+// (LBAs). True when `text` is a whole number that fits, with `out` set; false,
+// with `out` untouched and nothing printed, otherwise.
+bool getWide(uint64_t& out, const char* text);
 
 // The per-base routines getInt dispatches to; each returns flags and leaves in
 // `out` the value of the digits read.

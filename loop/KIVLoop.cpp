@@ -11,7 +11,10 @@
 #include "DeviceInfo.h"
 #include "KIVControl.h"
 #include "MQB.h"
+#include "MQBErr.h"
 #include "MQBManager.h"
+#include "Scsi.h"
+#include "scsi/Cdb.h"
 
 uint8_t*             KIVLoop::read_buff = nullptr;
 uint64_t             KIVLoop::read_buff_size = 0;
@@ -24,11 +27,8 @@ std::atomic<int32_t> KIVLoop::rawio_counter{0};
 
 namespace {
 
-// The record holds 128 commands and the CDB carries 32-bit LBAs and 16-bit
-// transfer lengths; larger requests are cut to these with a warning.
-constexpr int      kMaxQueueDepth = 128;
-constexpr int      kMaxTL = 65535;
-constexpr uint64_t kMaxCdbLba = 0xFFFFFFFFull;
+// The record holds 128 commands; a larger queue depth is cut with a warning.
+constexpr int kMaxQueueDepth = 128;
 
 // Serialises the first-time creation and growth of the class-wide buffers when
 // several test threads prepare their devices at once. Never taken per command.
@@ -81,7 +81,7 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
       reverseFreq(reverseFreq_), repeatFreq(repeatFreq_), rawioLeft(rawioP),
       randStream(randStream_), testType(testType_), mixRatio(mixRatio_),
       readPct(readPct_), writePct(writePct_), wrvPct(wrvPct_), verifyPct(verifyPct_),
-      dataBufferIdx(dataBufferIdx_), userData(nullptr), mqb(nullptr) {
+      dataBufferIdx(dataBufferIdx_), userData(nullptr), mqb(nullptr), cdbForm(0) {
     char msg[256];
     memset(cdbs, 0, sizeof(cdbs));
     lastLba.store((uint32_t)(int64_t)minLbaArg, std::memory_order_relaxed);
@@ -92,21 +92,9 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
         qDepth_ = kMaxQueueDepth;
     }
     qDepth = qDepth_ < 0 ? 0 : (uint32_t)qDepth_;
-    if (maxTL_ > kMaxTL) {
-        snprintf(msg, sizeof msg,
-                 "KIV: <W> Transfer length %d does not fit a 10-byte CDB, using 65535", maxTL_);
-        control->print(msg);
-        maxTL_ = kMaxTL;
-    }
-    if (minTL_ > kMaxTL) {
-        snprintf(msg, sizeof msg,
-                 "KIV: <W> Transfer length %d does not fit a 10-byte CDB, using 65535", minTL_);
-        control->print(msg);
-        minTL_ = kMaxTL;
-    }
     minTL = (uint64_t)(int64_t)minTL_;
     maxTL = (uint64_t)(int64_t)maxTL_;
-    ops = (uint32_t)(ops_ < 0 ? -(int64_t)ops_ : ops_);
+    ops = (uint64_t)(ops_ < 0 ? -(int64_t)ops_ : ops_);
 
     auto fail = [&]() {
         control->print(msg);
@@ -159,19 +147,11 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
     DeviceInfo info;
     mqb->getDeviceInfo(&info);
     blockSize = info.blockSize;
+    cdbForm = info.cdbForm;
 
-    // Bounds are kept in 64 bits; only what the CDB cannot carry is cut.
+    // Bounds in 64 bits; each command takes the CDB form that carries it.
     int64_t hi = resolveBound(maxLbaArg, info.capacity, true);
     int64_t lo = resolveBound(minLbaArg, info.capacity, false);
-    for (int64_t* b : {&lo, &hi}) {
-        if ((uint64_t)*b > kMaxCdbLba) {
-            snprintf(msg, sizeof msg,
-                     "KIV: <W> LBA %llu does not fit a 10-byte CDB, using 4294967295",
-                     (unsigned long long)*b);
-            control->print(msg);
-            *b = (int64_t)kMaxCdbLba;
-        }
-    }
     // A range no wider than the largest transfer leaves the random draw nothing
     // to choose from (its divisor would be 0): walk it sequentially instead.
     if (hi - lo - (int64_t)maxTL < 1) {
@@ -181,11 +161,34 @@ KIVLoop::KIVLoop(KIVControl* control_, MQBManager* mqbManager, int deviceIdx_,
     minLba = (uint64_t)lo;
     maxLba = (uint64_t)hi;
 
+    // A forced form must carry every command of the run, the end-of-pass
+    // command one past maxLba included; nothing is cut to fit.
+    if (cdbForm == 10 && maxLba >= scsi::kMaxLba10) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Device %d: cdb=10 cannot carry LBA %llu; use cdb=16 or a smaller "
+                 "-lba range",
+                 deviceIdx_, (unsigned long long)maxLba + 1);
+        { fail(); return; }
+    }
+    if (cdbForm == 10 && maxTL > scsi::kMaxTl10) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Device %d: cdb=10 cannot carry a transfer of %llu blocks; use "
+                 "cdb=16 or a smaller -translen",
+                 deviceIdx_, (unsigned long long)maxTL);
+        { fail(); return; }
+    }
+    if (maxTL > scsi::kMaxTl16) {  // a negative length from the caller, sign-extended
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Transfer length %llu does not fit a 16-byte CDB",
+                 (unsigned long long)maxTL);
+        { fail(); return; }
+    }
+
     if (opsPercent) {
         double pct = (double)-(int64_t)ops_ / 100.0;
         double count = ((double)(maxLba - minLba) * pct) / ((double)(minTL + maxTL) * 0.5);
-        ops = (uint32_t)(int64_t)count;
-        printf("Operation count set to %f%% -> %d operations\n", pct * 100.0, (int)ops);
+        ops = (uint64_t)(int64_t)count;
+        printf("Operation count set to %f%% -> %lld operations\n", pct * 100.0, (long long)ops);
         fflush(stdout);
     }
 
@@ -278,7 +281,22 @@ bool KIVLoop::prepareDevice() {
     if (dataBufferIdx >= 0) mode = MQB_DATA_REPEAT;
     int arg = 0;
     unsigned char flag = 0;
-    bool ok = mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag) == 0;
+    const int modeRc = mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag);
+    if (modeRc == MQB_ERR_NO_MEMORY) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <E> Could not allocate the data check of device %d, Out Of Memory",
+                 mqb->getCurrentDeviceIndex());
+        control->printThreaded(msg);
+        return false;
+    }
+    if (modeRc > 0) {
+        snprintf(msg, sizeof msg,
+                 "KIV: <W> No memory for the lost-write journal of device %d: "
+                 "checking without it",
+                 mqb->getCurrentDeviceIndex());
+        control->printThreaded(msg);
+    }
+    bool ok = modeRc >= 0;
     if (dataBufferIdx < 0)
         control->printThreaded(ok ? "KIV: <I> Activated Hardware data generation"
                                   : "KIV: <I> Using software generated random data");

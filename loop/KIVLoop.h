@@ -25,7 +25,7 @@ public:
     uint32_t              outstanding;
     uint32_t              tag;
     uint32_t              blockSize;
-    std::atomic<uint32_t> opsDone;
+    std::atomic<uint64_t> opsDone;
     std::atomic<uint64_t> blocksIssued;
     uint32_t              deviceIdx;
     bool                  hwCompare;
@@ -45,7 +45,7 @@ public:
     uint64_t              minLba, maxLba;
     uint64_t              minTL, maxTL;
     uint32_t              qDepth;
-    uint32_t              ops;
+    uint64_t              ops;
     bool                  opsPercent;    // the ops argument was -P (percent form)
     int32_t               skipFreq, reverseFreq, repeatFreq;
     int32_t               rawioLeft;
@@ -56,6 +56,9 @@ public:
     int32_t               dataBufferIdx;
     uint8_t*              userData;
     MQB*                  mqb;
+    // CDB form of the data commands: 0 chooses per command (10 bytes where
+    // the LBA and length fit, else 16), 10 or 16 as the device text forces.
+    int                   cdbForm;
 
     // Class-wide, shared by every loop of the process.
     static uint8_t*             read_buff;

@@ -1,5 +1,6 @@
 // KIVLoop_gen.cpp: choosing the next block and command of a device loop and
-// building its 10-byte CDB. One call of loadFunc makes and sends one command.
+// building its CDB: the 10-byte form where it carries the block, else the
+// 16-byte one. One call of loadFunc makes and sends one command.
 //
 // lastLba/lastTL are atomics only so that the statistics can read them from the
 // interpreter's thread; this thread is their one writer, so every access here is
@@ -11,13 +12,14 @@
 #include "KIVControl.h"
 #include "MQB.h"
 #include "Scsi.h"
+#include "scsi/Cdb.h"
 
 namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr uint64_t kWriteBuffBytes = 1000000;
 
-// SCSI operation codes and the command codes shown as KIVControl::cmdstr.
+// 10-byte SCSI operation codes of the command codes shown as KIVControl::cmdstr.
 constexpr uint8_t kOpcode[5] = {scsi::kRead10, scsi::kWrite10, 0x00, scsi::kWriteVerify10,
                                 scsi::kVerify10};
 enum { CMD_READ = 0, CMD_WRITE = 1, CMD_WRV = 3, CMD_VERIFY = 4 };
@@ -40,9 +42,14 @@ uint64_t KIVLoop::drawTL() {
 }
 
 // Random LBA: below maxLba - maxTL, so the block ends before maxLba. The
-// constructor keeps the divisor at 1 or more.
+// constructor keeps the divisor at 1 or more. One draw gives 31 bits, which
+// the ranges a 10-byte CDB can address have always used; a range past 2^32
+// takes two draws, so that all of it is reached.
 static inline uint64_t randomLba(const KIVLoop* l) {
-    return draw() % (l->maxLba - l->minLba - l->maxTL) + l->minLba;
+    const uint64_t span = l->maxLba - l->minLba - l->maxTL;
+    uint64_t r = draw();
+    if (span > scsi::kMaxLba10 + 1) r = (r << 31) | draw();
+    return r % span + l->minLba;
 }
 
 // Shortens a transfer that would run past maxLba so the block ends on it.
@@ -201,14 +208,11 @@ void KIVLoop::loadFunc() {
     const uint64_t bytes = (uint64_t)blockSize * tl;
     lastCmd.store(cmd, kRelaxed);
 
-    rec.cdbLen = 10;
-    uint8_t* c = rec.cdb;
-    c[0] = kOpcode[cmd];
-    c[1] = 0;
-    scsi::putBe32(c + 2, (uint32_t)lba);  // LBAs are carried in 32 bits
-    c[6] = 0;
-    scsi::putBe16(c + 7, (uint16_t)tl);   // and transfer lengths in 16
-    c[9] = 0;
+    // 16 bytes only where forced or where the 10-byte form cannot carry the
+    // block (a block at or past 2^32, more than 65,535 blocks). A run refuses
+    // a forced 10 that would not carry its range (constructor).
+    const bool sixteen = cdbForm == 16 || (cdbForm == 0 && !scsi::fits10(lba, tl));
+    rec.cdbLen = scsi::putDataCdb(rec.cdb, kOpcode[cmd], 0, lba, tl, sixteen);
     rec.tag = tag;
 
     switch (cmd) {

@@ -43,7 +43,7 @@ void KIVLoop::run() {
 
     // Counting the primed commands: the count that ends the run is reached
     // after ops - 1 commands when ops exceeds the queue depth.
-    uint32_t count = qDepth;
+    uint64_t count = qDepth;
     if (count != ops) {
         while (keepGoing()) {
             count++;
@@ -92,13 +92,13 @@ void KIVLoop::unloadFunc() {
                     SenseParser::getValidBit(sense, &valid, length) != 0) {
                     unsigned char infoBytes[8] = {0};
                     SenseParser::getInformationBytes(sense, infoBytes, length);
-                    uint32_t failing = ((uint32_t)infoBytes[4] << 24) |
-                                       ((uint32_t)infoBytes[5] << 16) |
-                                       ((uint32_t)infoBytes[6] << 8) | infoBytes[7];
+                    // All 8 bytes: fixed-format sense fills only the low 4.
+                    uint64_t failing = 0;
+                    for (unsigned char b : infoBytes) failing = (failing << 8) | b;
                     uint64_t tl = lastTL.load(kRelaxed);
                     // The next packed step adds lastTL, landing right after the failure.
                     lastLba.store((uint64_t)failing + 1 - tl, kRelaxed);
-                    printf("Backing off next lba to: %08zu\n", (size_t)failing + 1);
+                    printf("Backing off next lba to: %08zu\n", (size_t)(failing + 1));
                     fflush(stdout);
                 }
             }

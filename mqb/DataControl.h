@@ -37,5 +37,14 @@ bool latencyEnabled(int idx, bool& on);
 bool journalSave(int idx, const std::string& path, std::string& err);
 bool journalLoad(int idx, const std::string& path, std::string& err);
 
+// What a device's journal knows: blocks of each kind (see WriteJournal), the
+// memory its entries take, and its file ("" in memory).
+struct JournalInfo {
+    uint64_t known = 0, ambiguous = 0, inDoubt = 0, unknown = 0;
+    uint64_t residentBytes = 0;
+    std::string file;
+};
+bool journalInfo(int idx, JournalInfo& out, std::string& err);
+
 }  // namespace mqb
 #pragma GCC visibility pop

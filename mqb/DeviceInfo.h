@@ -11,4 +11,5 @@ struct DeviceInfo {
     uint32_t blockSize = 0;
     int      index = -1;        // device index in the process-wide table
     char     backend[16] = {};  // "sim", "file", "sg"
+    int      cdbForm = 0;       // data-command CDB form the device text forces (10, 16) or 0
 };

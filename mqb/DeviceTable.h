@@ -49,6 +49,10 @@ struct DeviceStats {
     bool     fastReads = false;      // last ioctl 119 state
     int      dataMode = 0;           // last ioctl 118 mode
     uint64_t miscompares = 0;        // commands failed by the keyed data check
+    // ... by what their first bad block held: a valid block of an older
+    // write, a valid block of another LBA, a block failing its CRC (torn or
+    // corrupt), a block without a stamp where the journal knows a write
+    uint64_t staleBlocks = 0, wrongLbaBlocks = 0, tornBlocks = 0, unstampedBlocks = 0;
 };
 
 // One command as the device received it (arrival order).
@@ -66,7 +70,7 @@ struct DeviceSummary {
     uint32_t    blockSize = 0;
     bool        locked = false;
     bool        direct = false;      // data bypasses the page cache (file: with O_DIRECT)
-    bool        journal = false;     // small enough for a lost-write journal
+    bool        journal = false;     // keeps a lost-write journal (within journalmax)
     std::string queue;               // "sim", "io_uring", "sync", "sg", "iscsi"
     std::string queueError;          // why the last queue could not be opened, or ""
 };
@@ -84,7 +88,12 @@ bool clearFaults(int idx);
 bool listFaults(int idx, std::vector<FaultRule>& out);
 
 bool stats(int idx, DeviceStats& out);
-// Starts recording up to `limit` commands (0 = 1,000,000); keeps earlier entries.
+// The largest trace limit: a record of 24 bytes a command, and several
+// hundred bytes each once returned as a Tcl list, must stay far below the
+// memory of a test machine.
+constexpr uint64_t kMaxTraceLimit = 2000000;
+// Starts recording up to `limit` commands (0 = 1,000,000; above
+// kMaxTraceLimit, kMaxTraceLimit); keeps earlier entries.
 bool traceStart(int idx, uint64_t limit);
 bool traceStop(int idx);
 bool traceGet(int idx, std::vector<TraceEntry>& out);

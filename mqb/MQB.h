@@ -30,7 +30,10 @@ enum MQBIoctl {
     MQB_IOCTL_QUEUEING   = 104,  // (int* enable, int* arg): tagged queueing on (1) / off (0)
     MQB_IOCTL_MAX_DEPTH  = 106,  // (int* depth): largest number of commands outstanding
     MQB_IOCTL_DATA_MODE  = 118,  // (int* mode, int* arg, unsigned char* flag): a
-                                 //   MQBDataMode
+                                 //   MQBDataMode. MQB_DATA_KEYED gives 1 (set, no
+                                 //   lost-write journal) the one time the journal
+                                 //   cannot be allocated, and MQB_ERR_NO_MEMORY
+                                 //   when its tracker cannot be allocated.
     MQB_IOCTL_FAST_READS = 119,  // (unsigned char* v): 0 on, 1 off
     MQB_IOCTL_CLONE      = 131,  // (MQB** out): a new object, same driver and device
 };

@@ -12,10 +12,14 @@ constexpr uint8_t kRead10 = 0x28;
 constexpr uint8_t kWrite10 = 0x2A;
 constexpr uint8_t kWriteVerify10 = 0x2E;
 constexpr uint8_t kVerify10 = 0x2F;
+constexpr uint8_t kRead16 = 0x88;
+constexpr uint8_t kWrite16 = 0x8A;
+constexpr uint8_t kWriteVerify16 = 0x8E;
+constexpr uint8_t kVerify16 = 0x8F;
 constexpr uint8_t kServiceActionIn16 = 0x9E;  // READ CAPACITY(16) is its action 0x10
 constexpr uint8_t kSaReadCapacity16 = 0x10;
 
-// BYTCHK: byte 1 bit 1 of WRITE AND VERIFY(10) and VERIFY(10).
+// BYTCHK: byte 1 bit 1 of WRITE AND VERIFY and VERIFY, 10- and 16-byte alike.
 constexpr uint8_t kBytchk = 0x02;
 
 // Status bytes (SAM), reserved bits masked off.

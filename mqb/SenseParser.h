@@ -8,7 +8,8 @@
 // ASCQ byte 13, VALID bit 0x80 of byte 0, INFORMATION bytes 3-6. When the sense is
 // 32 bytes long the 16-bit UEC sits in bytes 20-21, most significant first.
 // Descriptor format (0x72/0x73): key byte 1, ASC byte 2, ASCQ byte 3; the
-// INFORMATION descriptor (type 0x00) carries 8 bytes and its own VALID bit.
+// INFORMATION descriptor (type 0x00) carries 8 bytes and its own VALID bit;
+// the UEC, when there, is in bytes 2-3 of our vendor descriptor (type 0x80).
 // Every getter writes its answer to `out` and also returns it; no sense and
 // unknown formats give 0 (format() tells them apart from NO SENSE).
 //

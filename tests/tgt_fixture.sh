@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # tgt_fixture.sh: a real iSCSI target for the tests and benchmarks, a user-space
-# tgtd on 127.0.0.1 with one file-backed LUN, kept in a state directory.
+# tgtd on 127.0.0.1 with file-backed LUNs, kept in a state directory.
 #
-#   tgt_fixture.sh start DIR [SIZE_MB]   start tgtd, make target + LUN 1; prints the
-#                                        LUN's URL (iscsi://127.0.0.1:PORT/IQN/1)
+#   tgt_fixture.sh start DIR [SIZE_MB [LUNS]]
+#                                        start tgtd, make the target and LUNs 1 to
+#                                        LUNS (default 1); prints the URL of LUN 1
+#                                        (iscsi://127.0.0.1:PORT/IQN/1)
 #   tgt_fixture.sh stop DIR              delete the target, end tgtd (SIGKILL if it
 #                                        does not go), remove the backing file
 #   tgt_fixture.sh kill DIR              SIGKILL tgtd at once (a target that dies)
@@ -30,6 +32,16 @@ alive() {
     [ "${stat%% *}" != Z ]
 }
 
+# Adds LUNs 2 to $luns on control socket $1, each on a backing file of its own.
+add_luns() {
+    local n
+    for n in $(seq 2 "$luns"); do
+        truncate -s "${size}M" "$dir/lun$n.img" &&
+            tgtadm -C "$1" --lld iscsi --op new --mode logicalunit --tid 1 --lun "$n" -b "$dir/lun$n.img" ||
+            return 1
+    done
+}
+
 stop_tgtd() {
     [ -f "$dir/env" ] || return 0
     # shellcheck disable=SC1091
@@ -43,12 +55,13 @@ stop_tgtd() {
         alive "$PID" && kill -KILL "$PID" 2>/dev/null
         for _ in $(seq 30); do alive "$PID" || break; sleep 0.1; done
     fi
-    rm -f "$dir/lun.img" "$dir/env" "$dir/tgtd.log"
+    rm -f "$dir"/lun*.img "$dir/env" "$dir/tgtd.log"
 }
 
 case $cmd in
 start)
     size=${3:-64}
+    luns=${4:-1}
     command -v tgtd >/dev/null && command -v tgtadm >/dev/null || { echo "tgtd/tgtadm not installed" >&2; exit 77; }
     mkdir -p "$dir" || exit 77
     stop_tgtd
@@ -74,6 +87,7 @@ start)
         if [ $up = 1 ] &&
            tgtadm -C "$ctl" --lld iscsi --op new --mode target --tid 1 -T "$iqn" &&
            tgtadm -C "$ctl" --lld iscsi --op new --mode logicalunit --tid 1 --lun 1 -b "$dir/lun.img" &&
+           add_luns "$ctl" &&
            tgtadm -C "$ctl" --lld iscsi --op bind --mode target --tid 1 -I ALL; then
             echo "iscsi://127.0.0.1:$port/$iqn/1"
             exit 0
@@ -83,7 +97,7 @@ start)
     done
     echo "tgtd would not start; its log:" >&2
     cat "$dir/tgtd.log" >&2 2>/dev/null
-    rm -f "$dir/lun.img"
+    rm -f "$dir"/lun*.img
     exit 77
     ;;
 stop)

@@ -38,6 +38,10 @@ public:
     virtual const char* kind() const = 0;
     // True when data moves past the page cache (O_DIRECT).
     virtual bool direct() const { return false; }
+    // How long the device may take over one command before it counts as
+    // timed out: the most a delay fault may hold a completion back.
+    virtual uint32_t commandTimeoutSec() const { return kDefaultCommandTimeoutSec; }
+    static constexpr uint32_t kDefaultCommandTimeoutSec = 30;
 };
 
 }  // namespace mqb

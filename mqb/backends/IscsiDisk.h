@@ -36,6 +36,7 @@ public:
     ~IscsiDisk() override;
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "iscsi"; }
+    uint32_t commandTimeoutSec() const override { return uint32_t(target_.timeoutSec); }
     // A new session of up to `depth` commands in flight, for one channel.
     // Logs in a session of its own; a failed login is the reason in `err`.
     std::unique_ptr<Queue> openQueue(int depth, std::string& err) override;

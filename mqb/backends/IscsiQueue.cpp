@@ -16,6 +16,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include "MQBErr.h"
 
 #if MQB_HAVE_ISCSI
@@ -109,15 +110,30 @@ IscsiQueue::IscsiQueue(iscsi_context* ctx, const IscsiTarget& target, int depth)
 // exerciser's loops draw their LBAs, lengths and commands from that same
 // generator. For the object's life, rand() runs on a state of its own; the
 // caller's state is put back untouched when it goes.
+//
+// The generator's state is one per process and test threads open their
+// sessions at their first command, so the swap is serialised: one guard at a
+// time holds the process-wide lock from initstate to setstate, and the scratch
+// state it lends to libiscsi is process-wide too, never a frame another
+// thread may already have left.
 class RandStateGuard {
 public:
-    RandStateGuard() : saved_(initstate(1, scratch_, sizeof scratch_)) {}
+    RandStateGuard() : hold_(lock()), saved_(initstate(1, scratch(), kScratch)) {}
     ~RandStateGuard() { setstate(saved_); }
     RandStateGuard(const RandStateGuard&) = delete;
     RandStateGuard& operator=(const RandStateGuard&) = delete;
 
 private:
-    char  scratch_[128];
+    static constexpr size_t kScratch = 128;
+    static std::mutex& lock() {
+        static std::mutex m;
+        return m;
+    }
+    static char* scratch() {
+        static char state[kScratch];
+        return state;
+    }
+    std::lock_guard<std::mutex> hold_;
     char* saved_;
 };
 

@@ -8,7 +8,9 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include "DeviceText.h"
 #include "MQBErr.h"
 #include "SenseParser.h"
 #include "SgQueue.h"
@@ -27,7 +29,7 @@ bool isUnitAttention(const Outcome& o) {
 }  // namespace
 
 void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, void* data,
-                         unsigned len, Outcome& out) {
+                         unsigned len, unsigned timeoutMs, Outcome& out) {
     sg_io_hdr_t h;
     std::memset(&h, 0, sizeof h);
     h.interface_id = 'S';
@@ -38,7 +40,7 @@ void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, vo
     h.dxfer_len = len;
     h.sbp = out.sense;
     h.mx_sb_len = kMaxSense;
-    h.timeout = kTimeoutMs;
+    h.timeout = timeoutMs;
     if (::ioctl(fd, SG_IO, &h) < 0) {
         out.status = MQB_ERR_IO;
         out.senseLen = 0;
@@ -47,7 +49,19 @@ void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, vo
     mapSgResult(h, out);
 }
 
-std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err) {
+std::unique_ptr<Backend> SgDisk::open(const std::string& params, std::string& err) {
+    std::string path = params;
+    unsigned timeoutMs = kTimeoutMs;
+    const size_t opt = path.rfind(",timeout=");
+    if (opt != std::string::npos) {
+        uint64_t sec = 0;
+        if (!devtext::number("timeout", path.substr(opt + 9), 1, 3600, sec, err)) {
+            err += " (1 to 3600 seconds)";
+            return nullptr;
+        }
+        timeoutMs = unsigned(sec) * 1000;
+        path.resize(opt);
+    }
     if (path.empty()) {
         err = "sg device needs a path";
         return nullptr;
@@ -70,7 +84,7 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
     uint8_t cdb10[10] = {scsi::kReadCapacity10};
     Outcome out;
     for (int tries = 0; tries < 4; ++tries) {
-        passThrough(fd, cdb10, sizeof cdb10, SG_DXFER_FROM_DEV, data, 8, out);
+        passThrough(fd, cdb10, sizeof cdb10, SG_DXFER_FROM_DEV, data, 8, timeoutMs, out);
         if (!isUnitAttention(out)) break;
     }
     Geometry geo;
@@ -78,7 +92,8 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
         // Too large for 10 bytes: READ CAPACITY(16) gives a 64-bit last LBA.
         uint8_t cdb16[16] = {scsi::kServiceActionIn16, scsi::kSaReadCapacity16};
         cdb16[13] = sizeof data;
-        passThrough(fd, cdb16, sizeof cdb16, SG_DXFER_FROM_DEV, data, sizeof data, out);
+        passThrough(fd, cdb16, sizeof cdb16, SG_DXFER_FROM_DEV, data, sizeof data, timeoutMs,
+                    out);
         geo.blocks = scsi::be64(data) + 1;
         geo.blockSize = scsi::be32(data + 8);
     } else {
@@ -98,7 +113,7 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& path, std::string& err)
         return nullptr;
     }
     ::close(fd);
-    return std::unique_ptr<Backend>(new SgDisk(path, geo));
+    return std::unique_ptr<Backend>(new SgDisk(path, geo, timeoutMs));
 }
 
 std::unique_ptr<Queue> SgDisk::openQueue(int depth, std::string&) {
@@ -108,7 +123,7 @@ std::unique_ptr<Queue> SgDisk::openQueue(int depth, std::string&) {
             std::string err;
             return openSgPort(path, err);
         },
-        depth, kTimeoutMs);
+        depth, timeoutMs_);
 }
 
 }  // namespace mqb

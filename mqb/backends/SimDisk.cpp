@@ -20,6 +20,7 @@ namespace {
 constexpr uint64_t kMaxBlocks = 1ULL << 48;
 constexpr uint64_t kMaxBlockSize = 1ULL << 20;
 constexpr uint64_t kMaxLatencyUs = 10000000;  // ten seconds
+constexpr uint64_t kMaxTimeoutSec = 3600;     // an hour
 
 // The options of a sim device text: each key's range and the field it sets.
 struct SimKey {
@@ -34,6 +35,7 @@ const SimKey kSimKeys[] = {
     {"latency", 0, kMaxLatencyUs, [](SimConfig& c, uint64_t v) { c.latencyUs = uint32_t(v); }},
     {"store", 0, 1, [](SimConfig& c, uint64_t v) { c.store = v == 1; }},
     {"storemax", 0, UINT64_MAX, [](SimConfig& c, uint64_t v) { c.storeMax = v; }},
+    {"timeout", 1, kMaxTimeoutSec, [](SimConfig& c, uint64_t v) { c.timeoutSec = uint32_t(v); }},
 };
 
 }  // namespace

@@ -18,6 +18,7 @@ struct SimConfig {
     uint32_t latencyUs = 0;
     bool     store = false;          // keep written data
     uint64_t storeMax = 1ULL << 30;  // bytes the store may hold
+    uint32_t timeoutSec = Backend::kDefaultCommandTimeoutSec;  // command time-out
 };
 
 // Parses "k=v,k=v" (the part after "sim:") into `cfg`. Returns false with a
@@ -34,6 +35,7 @@ public:
     // with GOOD status), so geometry() reports the block size from now on.
     void capacityRead() { capacityKnown_.store(true, std::memory_order_relaxed); }
     const char* kind() const override { return "sim"; }
+    uint32_t commandTimeoutSec() const override { return cfg_.timeoutSec; }
 
     // Carries out one command at once into `out` (the queue adds the latency).
     // Safe from several threads.

@@ -82,9 +82,18 @@ void MQB::Impl::reapLane(Lane& l, int min, int64_t timeoutNs) {
             complete(int(tokens[i]));
             continue;
         }
-        // A delay fault rule picked it: held from now for the rule's time.
+        // A delay fault rule picked it: held from now for the rule's time, at
+        // most for the device's command time-out. A longer delay ends as a
+        // real device's silence would: a time-out, when the time-out is up.
         if (now == 0) now = mqb::steadyNs();
-        s.holdUntil = now + uint64_t(s.tk.delayUs) * 1000;
+        const uint64_t limit = uint64_t(l.device->backend().commandTimeoutSec()) * 1000000000ULL;
+        uint64_t hold = uint64_t(s.tk.delayUs) * 1000;
+        if (hold > limit) {
+            hold = limit;
+            s.out.status = MQB_ERR_TIMEOUT;
+            s.out.senseLen = 0;
+        }
+        s.holdUntil = now + hold;
         delayed[nDelayed++] = int(tokens[i]);
     }
     l.atDevice -= n;

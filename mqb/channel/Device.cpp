@@ -1,6 +1,7 @@
 // Device.cpp: what every device of the table does in front of its backend:
 // counters, the command trace and the scripted fault rules.
 #include "Device.h"
+#include <algorithm>
 #include "MQBErr.h"
 
 namespace mqb {
@@ -37,7 +38,7 @@ Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, Channe
     if (slowPath_.load(std::memory_order_acquire)) {
         std::lock_guard<std::mutex> g(lock_);
         if (tracing_ && trace_.size() < traceLimit_)
-            trace_.push_back(TraceEntry{c.opcode, c.lba, c.tl, tag});
+            trace_.push_back(TraceEntry{c.cdb ? c.cdb[0] : c.opcode, c.lba, c.tl, tag});
         bool refused = false;
         if (applyFaults(c, out, refused, delayUs)) {
             C::bump(k.errors);
@@ -65,7 +66,10 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
         if (r.count != 0 && r.fired >= r.count) continue;
         ++r.fired;
         if (r.kind == FaultRule::Kind::Delay) {
-            if (delayUs) *delayUs += r.delayUs;
+            // Several rules add up, saturating; the channel caps the sum at
+            // the device's command time-out.
+            if (delayUs)
+                *delayUs = r.delayUs > UINT32_MAX - *delayUs ? UINT32_MAX : *delayUs + r.delayUs;
             continue;
         }
         out.senseLen = 0;
@@ -178,12 +182,16 @@ void Device::stats(DeviceStats& s) const {
     s.fastReads = fastReads_.load(std::memory_order_relaxed);
     s.dataMode = dataMode_.load(std::memory_order_relaxed);
     s.miscompares = data_.miscompares();
+    s.staleBlocks = data_.damage(DeviceData::kStale);
+    s.wrongLbaBlocks = data_.damage(DeviceData::kWrongLba);
+    s.tornBlocks = data_.damage(DeviceData::kTorn);
+    s.unstampedBlocks = data_.damage(DeviceData::kUnstamped);
 }
 
 void Device::traceStart(uint64_t limit) {
     std::lock_guard<std::mutex> g(lock_);
     tracing_ = true;
-    traceLimit_ = limit ? limit : kDefaultTraceLimit;
+    traceLimit_ = limit == 0 ? kDefaultTraceLimit : std::min(limit, kMaxTraceLimit);
     updateSlowPath();
 }
 

@@ -69,6 +69,10 @@ public:
     const DeviceData& data() const { return data_; }
     const std::string& deviceText() const { return deviceText_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
+    // The CDB form the device text forces on data commands: 10, 16, or 0 for
+    // whichever carries each command.
+    int cdbForm() const { return cdbForm_; }
+    void setCdbForm(int form) { cdbForm_ = form; }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
 
     // The queue a channel opened last ("io_uring", "sync", ...), or why the
@@ -106,6 +110,7 @@ private:
     std::string deviceText_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
+    int cdbForm_ = 0;  // set once, before the device is in the table
     DeviceData data_;
 
     std::vector<std::unique_ptr<ChannelCounters>> channels_;  // lock_ held to change

@@ -35,12 +35,15 @@ struct CommonKeys {
     uint64_t journalMax = DeviceData::kDefaultJournalMax;
     bool     carriesData = true;   // reads give back what was written
     bool     recordLatency = true;
+    std::string journalPath;       // journal=PATH: the journal in a file
+    int      cdbForm = 0;          // "cdb=10|16": the one CDB form of data commands
 };
 
-// Takes the common "journalmax=BYTES" item out of a comma-separated device
-// text's tail, so the backend parsers never see it. False with `err` on a bad value.
+// Takes the common "journalmax=BYTES", "journal=PATH" and "cdb=10|16" items
+// out of a comma-separated device text tail, so the backend parsers never
+// see them. False with `err` on a bad value.
 bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
-    static const std::string kKey = "journalmax=";
+    static const std::string kKey = "journalmax=", kPath = "journal=", kCdbKey = "cdb=";
     std::string rest;
     bool first = true;
     size_t pos = 0;
@@ -53,6 +56,19 @@ bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
         if (item.compare(0, kKey.size(), kKey) == 0) {
             if (!devtext::number("journalmax", item.substr(kKey.size()), 0, UINT64_MAX, keys.journalMax, err))
                 return false;
+        } else if (item.compare(0, kPath.size(), kPath) == 0) {
+            keys.journalPath = item.substr(kPath.size());
+            if (keys.journalPath.empty()) {
+                err = "empty path for device text key \"journal\"";
+                return false;
+            }
+        } else if (item.compare(0, kCdbKey.size(), kCdbKey) == 0) {
+            const std::string text = item.substr(kCdbKey.size());
+            if (text != "10" && text != "16") {
+                err = devtext::badValue("cdb", text) + " (10 or 16)";
+                return false;
+            }
+            keys.cdbForm = text == "10" ? 10 : 16;
         } else {
             // Everything else goes on unchanged, commas and all (a path may hold them).
             rest += first ? item : "," + item;
@@ -86,7 +102,7 @@ std::unique_ptr<Backend> makeBackend(const std::string& deviceText, CommonKeys& 
     }
     if (type == "file") return FileDisk::open(params, err);
     if (type == "sg") return SgDisk::open(params, err);
-    if (type == "iscsi") return IscsiDisk::open(deviceText, err);
+    if (type == "iscsi") return IscsiDisk::open(type + ":" + params, err);  // the URL, less the common keys
     err = "unknown device type \"" + type + "\"";
     return nullptr;
 }
@@ -106,6 +122,19 @@ int addDevice(const std::string& deviceText, std::string& err) {
     if (!be) return -1;
     auto dev = std::make_unique<Device>(deviceText, std::move(be));
     dev->data().configure(keys.journalMax, keys.carriesData, keys.recordLatency);
+    // The journal names its device by the text without the journal's own path.
+    std::string identity = deviceText;
+    if (!keys.journalPath.empty()) {
+        const std::string item = "journal=" + keys.journalPath;
+        const size_t at = identity.find(item);
+        if (at != std::string::npos) {
+            const bool commaBefore = at > 0 && identity[at - 1] == ',';
+            identity.erase(commaBefore ? at - 1 : at, item.size() + (commaBefore ? 1 : 0));
+            if (!commaBefore && at < identity.size() && identity[at] == ',') identity.erase(at, 1);
+        }
+    }
+    if (!dev->data().setJournalFile(keys.journalPath, identity, dev->backend().geometry(), err)) return -1;
+    dev->setCdbForm(keys.cdbForm);
     Table& t = table();
     std::lock_guard<std::mutex> g(t.lock);
     t.devices.push_back(std::move(dev));

@@ -98,8 +98,8 @@ int MQB::ioctl(int code, int count, ...) {
         if (*mode != MQB_DATA_OFF && *mode != MQB_DATA_GENERATE && *mode != MQB_DATA_KEYED &&
             *mode != MQB_DATA_REPEAT) { rc = MQB_ERR_PARAM; break; }
         if (!m.dev) { rc = MQB_ERR_NO_DEVICE; break; }
-        m.dev->noteDataMode(*mode);
-        m.dev->data().setMode(*mode, m.dev->backend().geometry());
+        rc = m.dev->data().setMode(*mode, m.dev->backend().geometry());
+        if (rc >= 0) m.dev->noteDataMode(*mode);
         break;
     }
     default:
@@ -145,6 +145,7 @@ int MQB::getDeviceInfo(DeviceInfo* info) {
     info->capacity = g.blocks ? g.blocks - 1 : 0;
     info->blockSize = g.blockSize;
     info->index = impl_->devIdx;
+    info->cdbForm = d->cdbForm();
     std::snprintf(info->backend, sizeof info->backend, "%s", d->backend().kind());
     return MQB_OK;
 }

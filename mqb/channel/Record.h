@@ -11,20 +11,20 @@
 
 namespace mqb {
 
-uint32_t ld32(const unsigned char* p) {
+inline uint32_t ld32(const unsigned char* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
     return v;
 }
 
-uint64_t ld64(const unsigned char* p) {
+inline uint64_t ld64(const unsigned char* p) {
     uint64_t v;
     std::memcpy(&v, p, 8);
     return v;
 }
 
 template <typename T>
-T* ldPtr(const unsigned char* p) {
+inline T* ldPtr(const unsigned char* p) {
     T* v;
     std::memcpy(&v, p, sizeof v);
     return v;
@@ -41,13 +41,18 @@ inline int checkRecord(const unsigned char* record) {
 
 // Reads a checked record: copies its 16 CDB bytes into `cdb` (which `c.cdb`
 // then points at) and fills `c` with the CDB's fields and the caller's data
-// buffers. Returns the command's tag.
+// buffers; a 16-byte data command's opcode in `c` is its 10-byte kind. Returns the command's tag.
 inline uint32_t decodeRecord(const unsigned char* record, uint8_t cdb[16], Command& c) {
     std::memcpy(cdb, record + mqbrec::kCdb, 16);
     c.cdb = cdb;
     c.cdbLen = record[mqbrec::kCdbLen];
-    c.opcode = cdb[0];
-    scsi::lbaAndLength(cdb, c.cdbLen, c.lba, c.tl);
+    // What the command does: a 16-byte data command as its 10-byte kind (the
+    // CDB keeps what was sent, for the trace and the pass-through devices).
+    c.opcode = scsi::dataFamily(cdb[0]);
+    if (!scsi::getDataCdb(cdb, c.cdbLen, c.lba, c.tl)) {
+        c.opcode = cdb[0];  // not a data command, or a CDB short of its form
+        scsi::lbaAndLength(cdb, c.cdbLen, c.lba, c.tl);
+    }
     c.readBuf = ldPtr<uint8_t>(record + mqbrec::kReadBuf);
     c.readLen = ld64(record + mqbrec::kReadLen);
     c.writeBuf = ldPtr<const uint8_t>(record + mqbrec::kWriteBuf);

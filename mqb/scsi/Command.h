@@ -7,7 +7,10 @@
 namespace mqb {
 
 // One command as the channel hands it to a device: the parsed CDB fields plus
-// the caller's data buffers. Nothing here is owned.
+// the caller's data buffers. Nothing here is owned. `opcode` is what the
+// command does: READ(16), WRITE(16), WRITE AND VERIFY(16) and VERIFY(16) come
+// as their 10-byte opcodes, with `lba` and `tl` read from their own fields;
+// `cdb` is what was sent.
 struct Command {
     const uint8_t* cdb = nullptr;
     uint8_t        cdbLen = 0;

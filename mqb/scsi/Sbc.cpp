@@ -1,4 +1,4 @@
-// Sbc.cpp: the SBC answers every block backend shares: fixed-format sense,
+// Sbc.cpp: the SBC answers every block backend shares: sense data,
 // the LBA range check and READ CAPACITY(10) data.
 #include <algorithm>
 #include <cstring>
@@ -10,6 +10,26 @@ namespace mqb {
 void buildFixedSense(Outcome& out, uint8_t key, scsi::Asc code, bool valid, uint64_t info,
                      uint16_t uec, int len) {
     if (len != scsi::kShortSense) len = scsi::kLongSense;
+    if (valid && info > 0xFFFFFFFFULL) {
+        const int total = len == scsi::kLongSense ? 32 : 20;
+        std::memset(out.sense, 0, size_t(total));
+        out.sense[0] = 0x72;
+        out.sense[1] = uint8_t(key & 0x0F);
+        out.sense[2] = code.asc;
+        out.sense[3] = code.ascq;
+        out.sense[7] = uint8_t(total - 8);
+        uint8_t* d = out.sense + 8;  // information descriptor
+        d[0] = 0x00, d[1] = 0x0A, d[2] = 0x80;
+        scsi::putBe64(d + 4, info);
+        if (total == 32) {  // vendor descriptor: the UEC
+            d += 12;
+            d[0] = 0x80, d[1] = 0x0A;
+            scsi::putBe16(d + 2, uec);
+        }
+        out.senseLen = uint8_t(total);
+        out.status = MQB_ERR_CHECK;
+        return;
+    }
     std::memset(out.sense, 0, size_t(len));
     out.sense[0] = uint8_t(0x70 | (valid ? 0x80 : 0));
     out.sense[2] = uint8_t(key & 0x0F);

@@ -45,9 +45,12 @@ void readCapacity(const Command& cmd, uint64_t blocks, uint32_t blockSize);
 void invalidOpcode(Outcome& out);
 }  // namespace sbc
 
-// Builds fixed-format sense (0x70) into `out`: `len` bytes (18, or 32 with
-// the UEC in bytes 20-21). With `valid`, sets the VALID bit and INFORMATION
-// (bytes 3-6, capped at 0xFFFFFFFF). Sets out.status to CHECK CONDITION (-16).
+// Builds sense into `out` and sets out.status to CHECK CONDITION (-16).
+// Fixed format (0x70), `len` bytes (18, or 32 with the UEC in bytes 20-21),
+// with `valid` the VALID bit and INFORMATION in bytes 3-6; an INFORMATION
+// above 32 bits goes in descriptor format (0x72) instead: the information
+// descriptor (VALID, 8 bytes) and, for the long form, our vendor descriptor
+// 0x80 with the UEC in its bytes 2-3 (20 or 32 bytes in all).
 void buildFixedSense(Outcome& out, uint8_t key, scsi::Asc code, bool valid = false,
                      uint64_t info = 0, uint16_t uec = 0, int len = scsi::kLongSense);
 

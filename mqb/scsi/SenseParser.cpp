@@ -18,20 +18,27 @@ namespace {
 
 Format formatOf(const unsigned char* s, int len) { return SenseParser::format(s, len); }
 
-// The INFORMATION descriptor (type 0) of descriptor-format sense, or null.
-// Descriptors start at byte 8 and run for the additional length in byte 7,
-// cut to the `len` bytes held: a descriptor must lie wholly inside both.
-const unsigned char* infoDescriptor(const unsigned char* s, int len) {
+// The descriptor of `type` with at least `minLen` bytes after its two-byte
+// header in descriptor-format sense, or null. Descriptors start at byte 8 and
+// run for the additional length in byte 7, cut to the `len` bytes held: a
+// descriptor must lie wholly inside both.
+const unsigned char* findDescriptor(const unsigned char* s, int len, unsigned char type,
+                                    int minLen) {
     if (len < 8) return nullptr;
     int end = 8 + s[7];
     if (end > len) end = len;
     int p = 8;
     while (p + 2 <= end) {
         const int dlen = s[p + 1];
-        if (s[p] == 0x00 && dlen >= 10 && p + 2 + dlen <= end) return s + p;
+        if (s[p] == type && dlen >= minLen && p + 2 + dlen <= end) return s + p;
         p += 2 + dlen;
     }
     return nullptr;
+}
+
+// The INFORMATION descriptor (type 0) of descriptor-format sense, or null.
+const unsigned char* infoDescriptor(const unsigned char* s, int len) {
+    return findDescriptor(s, len, 0x00, 10);
 }
 
 // One byte of the sense: at `fixedAt` in fixed format or `descAt` in
@@ -70,13 +77,18 @@ unsigned char SenseParser::getQual(const unsigned char* sense, unsigned char* ou
     return senseByte(sense, length, 13, 3, 0xFF, out);
 }
 
-// The UEC lives only in long (32-byte) fixed-format sense; the additional
-// length in byte 7 says whether bytes 20-21 are there, and they must also lie
-// inside what the caller holds.
+// The UEC lives in long (32-byte) fixed-format sense, where the additional
+// length in byte 7 says whether bytes 20-21 are there (they must also lie
+// inside what the caller holds), or in our vendor descriptor (0x80).
 unsigned short SenseParser::getUec(const unsigned char* sense, unsigned short* out, int length) {
     unsigned short v = 0;
-    if (formatOf(sense, length) == Format::Fixed && length >= 22 && sense[7] >= 14)
+    const Format f = formatOf(sense, length);
+    if (f == Format::Fixed && length >= 22 && sense[7] >= 14) {
         v = (unsigned short)((sense[20] << 8) | sense[21]);
+    } else if (f == Format::Descriptor) {
+        if (const unsigned char* d = findDescriptor(sense, length, 0x80, 2))
+            v = (unsigned short)((d[2] << 8) | d[3]);
+    }
     if (out) *out = v;
     return v;
 }

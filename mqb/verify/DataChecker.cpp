@@ -5,7 +5,9 @@
 #include "KeyedBlock.h"
 #include "MQB.h"
 #include "MQBErr.h"
+#include "backends/RelaxedCopy.h"
 #include "channel/Device.h"
+#include "scsi/Cdb.h"
 
 namespace mqb {
 
@@ -90,9 +92,19 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
         if (!(p.flags & Pending::kStamped) && (mode == MQB_DATA_GENERATE || mode == MQB_DATA_KEYED)) {
             if (const uint8_t* g = generated(bytes)) c.writeBuf = g, c.writeLen = bytes;  // else the caller's data
         }
-        bool overlapped = false;
-        p.gen = tr->beginWrite(c.lba, c.tl, overlapped);
-        p.flags |= Pending::kTracked | (overlapped ? Pending::kOverlap : 0);
+        p.race = tr->begin(c.lba, c.lba + c.tl, true);
+        p.flags |= Pending::kTracked | Pending::kWrite;
+        if (WriteJournal* j = dd.journal()) {
+            // Before the device sees it: in doubt between old and new, so a
+            // write cut off here blames neither.
+            if (p.flags & Pending::kStamped) j->beginWrite(c.lba, c.tl, WriteJournal::valueOf(p.seq));
+            else j->fill(c.lba, c.lba + c.tl, WriteJournal::kUnknown);
+            // A race seen by either side: the shared blocks stay ambiguous
+            // whatever order the two stores above landed in.
+            uint64_t lo, hi;
+            tr->hull(p.race, lo, hi);
+            if (lo < hi && (p.flags & Pending::kStamped)) raceFill(*j, p, lo, hi);
+        }
         return;
     }
     if (c.opcode == scsi::kRead10) {
@@ -105,34 +117,56 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
         c.readBuf = p.buf.p.get();
         c.readLen = bytes;
     }
-    bool racy = false;
-    p.gen = tr->beginRead(c.lba, c.tl, racy);
-    p.flags |= Pending::kCheck | (racy ? Pending::kRacy : 0);
+    p.race = tr->begin(c.lba, c.lba + c.tl, false);
+    p.flags |= Pending::kTracked | Pending::kCheck;
+}
+
+void DataChecker::raceFill(WriteJournal& j, const Pending& p, uint64_t lo, uint64_t hi) {
+    if (lo < p.lba) lo = p.lba;
+    if (hi > p.lba + p.tl) hi = p.lba + p.tl;
+    if (lo < hi) j.fill(lo, hi, WriteJournal::kAmbiguous);
 }
 
 void DataChecker::onDrop(Device& dev, CmdTicket& tk) {
     if (tk.rec < 0) return;
     const Pending& p = recs_[tk.rec];
-    if (p.flags & Pending::kTracked) dev.data().tracker()->endWrite(p.lba, p.tl);
+    uint64_t lo, hi;
+    if (p.flags & Pending::kTracked) dev.data().tracker()->end(p.race, lo, hi);
     release(tk);
 }
 
+namespace {
+// Whether a block checked as `st` (sequence `seq` when Good) may stand where
+// the journal's state is `v`.
+bool passes(BlockCheck st, uint64_t seq, uint8_t v) {
+    switch (st) {
+    case BlockCheck::Unstamped: return v == WriteJournal::kUnknown;
+    case BlockCheck::Good:
+        return v == WriteJournal::kUnknown || v == WriteJournal::kAmbiguous || v == WriteJournal::valueOf(seq);
+    default: return false;
+    }
+}
+// What a bad block held, as counted by DeviceData.
+int damageOf(BlockCheck st) {
+    return st == BlockCheck::Good ? DeviceData::kStale
+           : st == BlockCheck::WrongLba ? DeviceData::kWrongLba
+           : st == BlockCheck::BadCrc ? DeviceData::kTorn : DeviceData::kUnstamped;
+}
+}  // namespace
+
 uint64_t DataChecker::firstBadBlock(const WriteJournal* j, const uint8_t* data, uint64_t lba,
-                                    uint64_t n, uint32_t bs) {
+                                    uint64_t n, uint32_t bs, uint64_t skipLo, uint64_t skipHi,
+                                    int& kind) {
     for (uint64_t i = 0; i < n; ++i) {
+        const uint64_t b = lba + i;
+        if (b >= skipLo && b < skipHi) continue;
         uint64_t seq = 0;
-        const BlockCheck st = checkBlock(data + i * bs, bs, lba + i, seq);
-        const uint8_t v = j ? j->get(lba + i) : WriteJournal::kUnknown;
-        bool bad;
-        switch (st) {
-        case BlockCheck::Unstamped: bad = v != WriteJournal::kUnknown; break;
-        case BlockCheck::Good:
-            bad = v != WriteJournal::kUnknown && v != WriteJournal::kAmbiguous &&
-                  v != WriteJournal::valueOf(seq);
-            break;
-        default: bad = true; break;
-        }
-        if (bad) return lba + i;
+        const BlockCheck st = checkBlock(data + i * bs, bs, b, seq);
+        const uint16_t e = j ? j->get(b) : 0;
+        // In doubt: the state before the cut-off write passes too.
+        if (passes(st, seq, uint8_t(e)) || ((e >> 8) && passes(st, seq, uint8_t((e >> 8) - 1)))) continue;
+        kind = damageOf(st);
+        return b;
     }
     return kNone;
 }
@@ -141,21 +175,17 @@ bool DataChecker::readBackCommand(Device& dev, const Outcome& out, CmdTicket& tk
                                   Outcome*& rcOut) {
     Pending& p = recs_[tk.rec];
     if (!(p.flags & Pending::kCheck) || p.opcode == scsi::kRead10 || out.status != MQB_OK) return false;
-    if (p.flags & (Pending::kRacy | Pending::kOverlap)) return false;  // nothing to judge anyway
-    WriteTracker* tr = dev.data().tracker();
-    if (tr && tr->changedSince(p.lba, p.tl, p.gen, 0)) return false;
+    uint64_t lo, hi;
+    dev.data().tracker()->hull(p.race, lo, hi);
+    if (lo <= p.lba && hi >= p.lba + p.tl) return false;  // nothing left to judge
     if (!grow(p.rb, uint64_t(p.tl) * p.bs)) return false;  // out of memory: no verdict
-    p.rbCdb[0] = scsi::kRead10;
-    p.rbCdb[1] = 0;
-    scsi::putBe32(p.rbCdb + 2, uint32_t(p.lba));
-    p.rbCdb[6] = 0;
-    scsi::putBe16(p.rbCdb + 7, uint16_t(p.tl));
-    p.rbCdb[9] = 0;
+    // In the form the device's commands take: 16 bytes where forced or needed.
+    const bool sixteen = dev.cdbForm() == 16 || !scsi::fits10(p.lba, p.tl);
     rc = Command();
+    rc.cdbLen = scsi::putDataCdb(p.rbCdb, scsi::kRead10, 0, p.lba, p.tl, sixteen);
     rc.cdb = p.rbCdb;
-    rc.cdbLen = 10;
     rc.opcode = scsi::kRead10;
-    rc.lba = p.lba;
+    rc.lba = p.lba;  // the 10-byte form: the channel sends only what fits it
     rc.tl = p.tl;
     rc.readBuf = p.rb.p.get();
     rc.readLen = uint64_t(p.tl) * p.bs;
@@ -176,14 +206,22 @@ void DataChecker::cancelReadBack(CmdTicket& tk) {
 // or byte for byte against what a WRITE AND VERIFY stamped), or kNone when
 // all pass or the read-back itself failed (the medium's own error is not ours
 // to report here).
-uint64_t DataChecker::readBackVerdict(Device& dev, const Pending& p) {
+uint64_t DataChecker::readBackVerdict(Device& dev, const Pending& p, uint64_t lo, uint64_t hi,
+                                      int& kind) {
     if (!(p.flags & Pending::kReadBack) || p.rbOut.status != MQB_OK) return kNone;
     const uint8_t* got = p.rb.p.get();
     if (p.opcode != scsi::kWriteVerify10)
-        return firstBadBlock(dev.data().journal(), got, p.lba, p.tl, p.bs);
+        return firstBadBlock(dev.data().journal(), got, p.lba, p.tl, p.bs, lo, hi, kind);
     const uint8_t* stamped = p.buf.p.get();
-    for (uint64_t b = 0; b < p.tl; ++b)
-        if (std::memcmp(got + b * p.bs, stamped + b * p.bs, p.bs) != 0) return p.lba + b;
+    for (uint64_t b = 0; b < p.tl; ++b) {
+        if (p.lba + b >= lo && p.lba + b < hi) continue;
+        if (std::memcmp(got + b * p.bs, stamped + b * p.bs, p.bs) != 0) {
+            // Say what it holds instead, as a read would.
+            uint64_t seq = 0;
+            kind = damageOf(checkBlock(got + b * p.bs, p.bs, p.lba + b, seq));
+            return p.lba + b;
+        }
+    }
     return kNone;
 }
 
@@ -192,40 +230,51 @@ void DataChecker::finish(Device& dev, Outcome& out, CmdTicket& tk) {
     DeviceData& dd = dev.data();
     WriteTracker* tr = dd.tracker();
     const bool good = out.status == MQB_OK;
-    if (p.flags & Pending::kTracked) {
-        if (WriteJournal* j = dd.journal()) {
-            // What the blocks should now hold: nothing known after a failed
-            // or unkeyed write; "some keyed write" when writes raced.
-            const bool raced = (p.flags & Pending::kOverlap) || tr->changedSince(p.lba, p.tl, p.gen, 1);
-            const uint8_t v = !good || !(p.flags & Pending::kStamped) ? WriteJournal::kUnknown
-                              : raced ? WriteJournal::kAmbiguous : WriteJournal::valueOf(p.seq);
-            j->fill(p.lba, p.tl, v);
-            // A write that started meanwhile may already have recorded its
-            // own value, which this store would have hidden.
-            if (v != WriteJournal::kUnknown && v != WriteJournal::kAmbiguous &&
-                tr->changedSince(p.lba, p.tl, p.gen, 1))
-                j->fill(p.lba, p.tl, WriteJournal::kAmbiguous);
+    uint64_t lo = 1, hi = 0;
+    if ((p.flags & Pending::kWrite) && (p.flags & Pending::kTracked)) {
+        WriteJournal* j = dd.journal();
+        if (j && (p.flags & Pending::kStamped)) {
+            // Races known so far first, so no moment shows a raced block as
+            // known; then this write's own value where it is still in doubt
+            // towards it; then races that came in meanwhile.
+            tr->hull(p.race, lo, hi);
+            if (lo < hi) raceFill(*j, p, lo, hi);
+            if (good) j->completeWrite(p.lba, p.tl, WriteJournal::valueOf(p.seq));
+            uint64_t lo2, hi2;
+            tr->end(p.race, lo2, hi2);
+            if (lo2 < hi2 && (lo2 != lo || hi2 != hi)) raceFill(*j, p, lo2, hi2);
+            lo = lo2, hi = hi2;
+        } else {
+            // Unkeyed data, or nothing known either way: forgotten.
+            if (j) j->fill(p.lba, p.lba + p.tl, WriteJournal::kUnknown);
+            tr->end(p.race, lo, hi);
         }
-        tr->endWrite(p.lba, p.tl);
+    } else if (p.flags & Pending::kTracked) {
+        // A reader stays in the table while it is judged, so a write that
+        // starts meanwhile (and may change the journal) shows in its hull.
+        tr->hull(p.race, lo, hi);
     }
     uint64_t bad = kNone;
+    int kind = DeviceData::kStale;
     if ((p.flags & Pending::kCheck) && good) {
-        const bool racy = (p.flags & (Pending::kRacy | Pending::kOverlap)) ||
-                          (tr && tr->changedSince(p.lba, p.tl, p.gen, 0));
-        if (p.opcode == scsi::kRead10) {
-            if (!racy) bad = firstBadBlock(dd.journal(), p.buf.p.get(), p.lba, p.tl, p.bs);
-        } else if (!racy) {
-            bad = readBackVerdict(dev, p);
-        }
+        if (p.opcode == scsi::kRead10) bad = firstBadBlock(dd.journal(), p.buf.p.get(), p.lba, p.tl, p.bs, lo, hi, kind);
+        else bad = readBackVerdict(dev, p, lo, hi, kind);
+    }
+    if ((p.flags & Pending::kTracked) && !(p.flags & Pending::kWrite)) {
+        uint64_t lo2, hi2;
+        tr->end(p.race, lo2, hi2);
+        if (bad >= lo2 && bad < hi2) bad = kNone;  // a write came in while it was judged
     }
     if (p.opcode == scsi::kRead10 && p.userBuf) {
         const uint64_t bytes = uint64_t(p.tl) * p.bs;
-        std::memcpy(p.userBuf, p.buf.p.get(), size_t(p.userLen < bytes ? p.userLen : bytes));
+        // The caller's read buffer is the one every loop shares: other
+        // threads may be copying into it at the same moment.
+        relaxedCopy(p.userBuf, p.buf.p.get(), p.userLen < bytes ? p.userLen : bytes);
     }
     if (bad != kNone) {
         // The channel counts the failed command among the device's errors.
         buildFixedSense(out, scsi::kKeyMiscompare, scsi::kMiscompareVerify, true, bad);
-        dd.noteMiscompare();
+        dd.noteMiscompare(DeviceData::Damage(kind));
     }
     release(tk);
 }

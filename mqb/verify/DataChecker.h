@@ -17,8 +17,11 @@
 //    the stamped data byte for byte.
 //  - A backend that gives back no data (a simulated disk without a store) is
 //    not checked at all.
-// Blocks a concurrent write of the same region may have changed between a
-// reader's send and its completion are not judged (see WriteTracker).
+// Blocks a write touched while a reader was in flight are not judged (see
+// WriteTracker); the others are. A keyed write puts its blocks in doubt in
+// the journal before it is sent and makes them known when it completes well;
+// blocks two writes raced on become ambiguous; a failed write leaves them in
+// doubt.
 //
 // Buffers are allocated when first needed and only grow; nothing is allocated
 // per command once a run has warmed up.
@@ -75,10 +78,12 @@ public:
     }
 
     // The first LBA among `n` blocks at `data` (read from `lba` on) that
-    // fails its key or the journal `j` (may be null), or UINT64_MAX when all
-    // pass.
+    // fails its key or the journal `j` (may be null), leaving out the blocks
+    // in [skipLo, skipHi); UINT64_MAX when all pass. Sets `kind` (a
+    // DeviceData::Damage) for a bad one.
     static uint64_t firstBadBlock(const WriteJournal* j, const uint8_t* data, uint64_t lba,
-                                  uint64_t n, uint32_t bs);
+                                  uint64_t n, uint32_t bs, uint64_t skipLo, uint64_t skipHi,
+                                  int& kind);
 
 private:
     void prepare(Device& dev, Command& c, CmdTicket& tk);
@@ -94,29 +99,33 @@ private:
     // One command the checker follows from send to completion.
     struct Pending {
         enum Flag : uint8_t {
-            kTracked = 1,  // a write registered with the device's write tracker
+            kTracked = 1,  // holds an entry of the device's write tracker
             kStamped = 2,  // its data are keyed blocks of sequence `seq`, in `buf`
-            kOverlap = 4,  // another write over its blocks was in flight at send
+            kWrite = 4,    // a write
             kCheck = 8,    // read back and check its blocks at completion
-            kRacy = 16,    // a write over its blocks was in flight at send
             kReadBack = 32,  // its blocks were read back into `rb`, into `rbOut`
         };
         Buf      buf;               // keyed write data or read data, grown on demand
-        uint64_t lba = 0, gen = 0, seq = 0;
+        uint64_t lba = 0, seq = 0;
+        WriteTracker::Ticket race;  // its entry in the device's write tracker
         uint8_t* userBuf = nullptr; // the caller's data-in buffer of a redirected read
         uint64_t userLen = 0;
         uint32_t tl = 0, bs = 0;
         uint8_t  opcode = 0, flags = 0;
         Buf      rb;                // read-back of a VERIFY or WRITE AND VERIFY
         Outcome  rbOut;
-        uint8_t  rbCdb[10] = {};
+        uint8_t  rbCdb[16] = {};
     };
     static constexpr int kRecs = 256;          // at most one per command in flight
 
     static bool grow(Buf& b, uint64_t bytes);  // page-aligned, at least `bytes`; false when out of memory
     void release(CmdTicket& tk);
     const uint8_t* generated(uint64_t bytes);
-    uint64_t readBackVerdict(Device& dev, const Pending& p);
+    // The first bad LBA of a completed read-back outside [lo, hi), or
+    // UINT64_MAX; sets `kind` for a bad one.
+    uint64_t readBackVerdict(Device& dev, const Pending& p, uint64_t lo, uint64_t hi, int& kind);
+    // Marks the blocks of write `p` within [lo, hi) ambiguous.
+    static void raceFill(WriteJournal& j, const Pending& p, uint64_t lo, uint64_t hi);
 
     std::unique_ptr<Pending[]> recs_;
     std::vector<int16_t> free_;

@@ -80,4 +80,17 @@ bool journalLoad(int idx, const std::string& path, std::string& err) {
     return d->data().loadJournal(path, d->backend().geometry(), err);
 }
 
+bool journalInfo(int idx, JournalInfo& out, std::string& err) {
+    Device* d = deviceAt(idx);
+    if (!d) {
+        err = "no device " + std::to_string(idx);
+        return false;
+    }
+    WriteJournal::Counts c;
+    if (!d->data().journalCounts(c, out.file, err)) return false;
+    out.known = c.known, out.ambiguous = c.ambiguous, out.inDoubt = c.inDoubt, out.unknown = c.unknown;
+    out.residentBytes = c.residentBytes;
+    return true;
+}
+
 }  // namespace mqb

@@ -1,52 +1,97 @@
-// WriteTracker.cpp: in-flight write bookkeeping per region of a device.
+// WriteTracker.cpp: the table of commands in flight and their race hulls.
 #include "WriteTracker.h"
 
 namespace mqb {
 
-WriteTracker::WriteTracker() : slots_(new Slot[kSlots]) {}
+WriteTracker::WriteTracker() : entries_(new Entry[kEntries]) {}
 
-template <typename F>
-void WriteTracker::forSlots(uint64_t lba, uint32_t tl, F f) const {
-    const uint64_t first = lba >> kRegionShift;
-    const uint64_t last = (lba + (tl ? tl : 1) - 1) >> kRegionShift;
-    // Consecutive regions land on distinct slots until the range wraps the
-    // table; past that every slot is already covered once.
-    const uint64_t n = last - first + 1 < kSlots ? last - first + 1 : kSlots;
-    for (uint64_t i = 0; i < n; ++i) f(slots_[(first + i) & (kSlots - 1)]);
+void WriteTracker::mark(Entry& e, uint64_t t, uint64_t lo, uint64_t hi) {
+    uint64_t cur = e.raceLo.load();
+    while (lo < cur && !e.raceLo.compare_exchange_weak(cur, lo)) {
+    }
+    cur = e.raceHi.load();
+    while (hi > cur && !e.raceHi.compare_exchange_weak(cur, hi)) {
+    }
+    // The hull is in place before the bit says so; a command that moved on
+    // (tag changed) is left alone.
+    uint64_t w = e.tag.load();
+    while ((w | 1) == (t | 1) && !(w & 1) && !e.tag.compare_exchange_weak(w, w | 1)) {
+    }
 }
 
-uint64_t WriteTracker::beginWrite(uint64_t lba, uint32_t tl, bool& overlapped) {
-    forSlots(lba, tl, [](Slot& s) { s.inFlight.fetch_add(1); });
-    const uint64_t g = gen_.fetch_add(1) + 1;
-    overlapped = false;
-    forSlots(lba, tl, [&](Slot& s) {
-        uint64_t cur = s.lastStart.load();
-        while (cur < g && !s.lastStart.compare_exchange_weak(cur, g)) {
+WriteTracker::Ticket WriteTracker::begin(uint64_t lba, uint64_t end, bool write) {
+    Ticket tk;
+    for (uint32_t i = 0; i < kEntries; ++i) {
+        uint64_t free = 0;
+        if (entries_[i].tag.load() == 0 && entries_[i].tag.compare_exchange_strong(free, kBusy)) {
+            tk.slot = int32_t(i);
+            break;
         }
-        if (s.inFlight.load() > 1) overlapped = true;
-    });
-    return g;
+    }
+    if (tk.slot < 0) {
+        untracked_.fetch_add(1);
+        untrackedEpoch_.fetch_add(1);
+        return tk;
+    }
+    tk.epoch = untrackedEpoch_.load();
+    Entry& me = entries_[tk.slot];
+    uint32_t used = used_.load();
+    while (used < uint32_t(tk.slot) + 1 && !used_.compare_exchange_weak(used, uint32_t(tk.slot) + 1)) {
+    }
+    me.lo.store(lba);
+    me.end.store(end);
+    const uint64_t tag = (gen_.fetch_add(1) + 1) << 2 | (write ? 2 : 0);
+    me.tag.store(tag);
+    const uint32_t n = used_.load();
+    for (uint32_t i = 0; i < n; ++i) {
+        if (int32_t(i) == tk.slot) continue;
+        Entry& o = entries_[i];
+        const uint64_t t = o.tag.load();
+        if (t == 0 || t == kBusy || (!write && !(t & 2))) continue;
+        const uint64_t olo = o.lo.load(), oend = o.end.load();
+        if ((o.tag.load() | 1) != (t | 1)) continue;  // moved on: it will see us
+        const uint64_t lo = lba > olo ? lba : olo, hi = end < oend ? end : oend;
+        if (lo >= hi) continue;
+        // A reader's blocks were touched by a write; two writes share theirs.
+        if (!write || (t & 2)) mark(me, tag, lo, hi);
+        if (write) mark(o, t, lo, hi);
+    }
+    return tk;
 }
 
-void WriteTracker::endWrite(uint64_t lba, uint32_t tl) {
-    forSlots(lba, tl, [](Slot& s) { s.inFlight.fetch_sub(1); });
+bool WriteTracker::untrackedSince(const Ticket& t) const {
+    return untracked_.load() != 0 || untrackedEpoch_.load() != t.epoch;
 }
 
-uint64_t WriteTracker::beginRead(uint64_t lba, uint32_t tl, bool& racy) {
-    const uint64_t g = gen_.load();
-    racy = false;
-    forSlots(lba, tl, [&](Slot& s) {
-        if (s.inFlight.load() > 0) racy = true;
-    });
-    return g;
+void WriteTracker::hull(const Ticket& t, uint64_t& lo, uint64_t& hi) const {
+    if (t.slot < 0 || untrackedSince(t)) {
+        lo = 0, hi = UINT64_MAX;
+        return;
+    }
+    const Entry& e = entries_[t.slot];
+    if (e.tag.load() & 1) {
+        lo = e.raceLo.load(), hi = e.raceHi.load();
+    } else {
+        lo = 1, hi = 0;
+    }
 }
 
-bool WriteTracker::changedSince(uint64_t lba, uint32_t tl, uint64_t gen, uint32_t self) const {
-    bool changed = false;
-    forSlots(lba, tl, [&](Slot& s) {
-        if (s.inFlight.load() > self || s.lastStart.load() > gen) changed = true;
-    });
-    return changed;
+void WriteTracker::end(const Ticket& t, uint64_t& lo, uint64_t& hi) {
+    if (t.slot < 0) {
+        untracked_.fetch_sub(1);
+        untrackedEpoch_.fetch_add(1);
+        lo = 0, hi = UINT64_MAX;
+        return;
+    }
+    Entry& e = entries_[t.slot];
+    // Busy first, so no mark lands between reading the hull and freeing.
+    const uint64_t w = e.tag.exchange(kBusy);
+    lo = 1, hi = 0;
+    if (w & 1) lo = e.raceLo.load(), hi = e.raceHi.load();
+    e.raceLo.store(UINT64_MAX);
+    e.raceHi.store(0);
+    e.tag.store(0);
+    if (untrackedSince(t)) lo = 0, hi = UINT64_MAX;
 }
 
 }  // namespace mqb

@@ -1,18 +1,27 @@
-// WriteTracker.h: which parts of a device have writes in flight, so a check of
-// data read back never blames the device for a race the test itself made.
+// WriteTracker.h: the commands of a device that have data in flight, so a
+// check of data read back never blames the device for a race the test itself
+// made, and the journal knows which blocks two writes raced on.
 //
-// The device is cut into regions of 64 blocks, hashed onto a fixed table. Each
-// slot counts the writes in flight over it and remembers the generation of the
-// newest write that started there (generations come from one per-device
-// counter). A reader takes a snapshot of the counter when it is sent; when it
-// completes, its blocks are "racy" if a write overlapped them at any moment in
-// between: one was in flight at send, or is still in flight, or started after
-// the snapshot. A hash collision only makes more commands racy, never fewer.
+// Every tracked command (a write, or a reader whose blocks are judged) holds
+// one entry of a fixed table from before it is sent until its bookkeeping is
+// done: its block range and a tag (its generation, whether it writes, and a
+// "raced" bit). On entry it scans the entries in use: for each other command
+// whose range meets its own, where at least one of the two writes, the
+// blocks they share are added to its own "race hull" and, when it is the
+// writer, to the other's. With sequentially consistent operations, of two
+// commands in flight at the same time at least one sees the other, so:
+//  - a write's hull holds every block another write touched while it was in
+//    flight (those blocks are ambiguous);
+//  - a reader's hull holds every block a write touched while the reader was
+//    in flight (those blocks are not judged).
+// The hull is one range: several races of one command cover the blocks
+// between them too. Nothing is locked or allocated; a command costs a claim
+// and a scan of the entries up to the highest ever in use (about the most
+// commands the device has had in flight at once).
 //
-// Order matters: a write bumps its slots' counts before it takes its
-// generation and is sent, and drops them only after its journal update, so a
-// reader that misses the count must see the generation (all sequentially
-// consistent).
+// When the table is full (more commands in flight on one device than it
+// holds) the command goes untracked, and every command in flight meanwhile
+// treats its whole range as raced.
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -22,36 +31,41 @@ namespace mqb {
 
 class WriteTracker {
 public:
-    static constexpr unsigned kRegionShift = 6;     // 64 blocks per region
-    static constexpr uint32_t kSlots = 1u << 14;    // 256 KiB per device
+    static constexpr uint32_t kEntries = 4096;
+
+    // What begin hands back, for the other calls.
+    struct Ticket {
+        int32_t  slot = -1;     // entry held, or -1 when untracked
+        uint64_t epoch = 0;     // untracked commands seen at begin
+    };
 
     WriteTracker();
 
-    // Registers a write of blocks [lba, lba+tl) about to be sent. Returns its
-    // generation; `overlapped` says another write over the same slots was
-    // already in flight.
-    uint64_t beginWrite(uint64_t lba, uint32_t tl, bool& overlapped);
-    // Drops a write's in-flight counts (after its journal update, or when
-    // its send was refused).
-    void endWrite(uint64_t lba, uint32_t tl);
-    // Snapshot for a reader about to be sent; `racy` says a write over its
-    // slots is in flight right now.
-    uint64_t beginRead(uint64_t lba, uint32_t tl, bool& racy);
-    // True when, over [lba, lba+tl), more than `self` writes are in flight
-    // (the caller's own write counts as one) or a write started after
-    // generation `gen`.
-    bool changedSince(uint64_t lba, uint32_t tl, uint64_t gen, uint32_t self) const;
+    // Registers a command over blocks [lba, end) about to be sent.
+    Ticket begin(uint64_t lba, uint64_t end, bool write);
+    // The race hull so far, as [lo, hi) (empty when lo >= hi); [0, max) when
+    // an untracked command was in flight meanwhile.
+    void hull(const Ticket& t, uint64_t& lo, uint64_t& hi) const;
+    // Frees the entry and gives the final hull, as hull() does.
+    void end(const Ticket& t, uint64_t& lo, uint64_t& hi);
 
 private:
-    struct Slot {
-        std::atomic<uint32_t> inFlight{0};
-        std::atomic<uint64_t> lastStart{0};
+    struct alignas(64) Entry {
+        std::atomic<uint64_t> tag{0};   // gen << 2 | write << 1 | raced; 0 free
+        std::atomic<uint64_t> lo{0}, end{0};
+        std::atomic<uint64_t> raceLo{UINT64_MAX}, raceHi{0};
     };
-    // Calls f(slot) once for each slot the range touches.
-    template <typename F> void forSlots(uint64_t lba, uint32_t tl, F f) const;
+    static constexpr uint64_t kBusy = ~uint64_t(3);  // being claimed or freed
 
-    std::unique_ptr<Slot[]> slots_;
+    // Adds [lo, hi) to entry `e`'s hull, if it still holds tag `t`.
+    static void mark(Entry& e, uint64_t t, uint64_t lo, uint64_t hi);
+    bool untrackedSince(const Ticket& t) const;
+
+    std::unique_ptr<Entry[]> entries_;
+    std::atomic<uint32_t> used_{0};       // entries at or above are free
     std::atomic<uint64_t> gen_{0};
+    std::atomic<uint32_t> untracked_{0};  // untracked commands in flight
+    std::atomic<uint64_t> untrackedEpoch_{0};
 };
 
 }  // namespace mqb

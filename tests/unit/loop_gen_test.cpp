@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <set>
 
+#include "Scsi.h"
 #include "loop_harness.h"
 
 // Sends n commands, taking each completion; returns their LBAs (and lengths).
@@ -129,4 +130,47 @@ TEST(LoopCommands, WriteBuffersAndLengths) {
         EXPECT_EQ(std::make_pair(+l->cdbs[i].writeBuf, +l->cdbs[i].writeLen),
                   std::make_pair(l->userData, 512u * l->lastTL));
     }
+}
+
+// A sequential pass across 2^32 switches to READ(16) and kin on the block that
+// would reach 2^32 (flags and opcode kind unchanged); a length past 65,535
+// goes as 16 bytes at LBA 0; cdb=16 sends 16 bytes even where 10 would carry.
+TEST(LoopCommands, SixteenByteFormWhereTenCannotCarryTheBlock) {
+    SimRig rig("sim:blocks=68719476736");
+    const uint64_t top = uint64_t{1} << 32;
+    auto l = readyLoop(rig, LoopCfg().lba(double(top - 12), double(top + 100)).mix(25, 25, 25, 25));
+    mqb::traceStart(rig.dev, 0);
+    const uint8_t op10[5] = {0x28, 0x2A, 0, 0x2E, 0x2F};
+    for (uint64_t want : {top - 12, top - 4, top + 4, top + 12}) {
+        l->loadFunc();
+        l->unloadFunc();
+        const CDBStruct& r = l->cdbs[l->tag % 128];
+        const uint8_t* c = r.cdb;
+        const bool sixteen = want + 8 > top;
+        ASSERT_EQ(r.cdbLen, sixteen ? 16 : 10) << want;
+        EXPECT_EQ(c[0], op10[l->lastCmd] + (sixteen ? 0x60 : 0)) << want;  // 28 -> 88, 2F -> 8F
+        EXPECT_EQ(c[1], 0);
+        EXPECT_EQ(sixteen ? scsi::be64(c + 2) : scsi::be32(c + 2), want);
+        EXPECT_EQ(sixteen ? scsi::be32(c + 10) : scsi::be16(c + 7), 8u);
+    }
+    std::vector<mqb::TraceEntry> t;
+    ASSERT_TRUE(mqb::traceGet(rig.dev, t));
+    ASSERT_EQ(t.size(), 4u);
+    EXPECT_EQ(std::make_tuple(t[2].opcode & 0xF0, t[2].lba, t[3].lba),
+              std::make_tuple(0x80, top + 4, top + 12));
+    EXPECT_EQ(rig.stats().errors, 0u);
+
+    auto big = readyLoop(rig, LoopCfg().tl(70000, 70000).mix(0, 0, 0, 100));
+    big->loadFunc();
+    big->unloadFunc();
+    const CDBStruct& r = big->cdbs[1];
+    EXPECT_EQ(std::make_tuple(r.cdbLen, r.cdb[0], scsi::be64(r.cdb + 2), scsi::be32(r.cdb + 10)),
+              std::make_tuple(16, 0x8F, uint64_t{0}, 70000u));
+
+    SimRig forced("sim:blocks=1000,cdb=16");
+    auto f = readyLoop(forced, LoopCfg());
+    f->loadFunc();
+    f->unloadFunc();
+    EXPECT_EQ(std::make_tuple(f->cdbs[1].cdbLen, f->cdbs[1].cdb[0], f->errCount.load()),
+              std::make_tuple(16, 0x88, 0));
 }

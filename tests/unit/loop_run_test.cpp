@@ -28,21 +28,29 @@ TEST(LoopRun, OperationCountAndQueueFill) {
     }
 }
 
+// Fixed-format sense low, descriptor format (72h) above 2^32: the back-off
+// reads the failing LBA from either and goes on right after it.
 TEST(LoopRun, PackedBacksOffPastAMediumError) {
-    SimRig rig("sim:blocks=10000");
-    addFault(rig, mqb::FaultRule::Kind::Check, 1, 5000);
-    mqb::traceStart(rig.dev, 0);
-    auto l = makeLoop(rig, LoopCfg().type(3).lba(0, 9000));
-    std::string out = capture([&] { l->run(); }, false);
-    EXPECT_NE(out.find("Backing off next lba to: 00005001\n"), std::string::npos) << out;
-    std::vector<mqb::TraceEntry> t;
-    ASSERT_TRUE(mqb::traceGet(rig.dev, t));
-    std::vector<uint64_t> around;
-    for (const auto& e : t)
-        if (e.lba >= 4992 && e.lba <= 5020) around.push_back(e.lba);
-    EXPECT_EQ(around, (std::vector<uint64_t>{4992, 5000, 5001, 5009, 5017}));
-    EXPECT_EQ(l->errCount.load(), 1);
-    EXPECT_EQ(std::make_pair(t.back().lba, t.back().tl), std::make_pair(uint64_t{9001}, 0u));
+    for (uint64_t base : {uint64_t{0}, uint64_t{1} << 33}) {
+        SimRig rig("sim:blocks=68719476736");
+        addFault(rig, mqb::FaultRule::Kind::Check, 1, base + 5000);
+        mqb::traceStart(rig.dev, 0);
+        auto l = makeLoop(rig, LoopCfg().type(3).lba(double(base), double(base + 9000)));
+        std::string out = capture([&] { l->run(); }, false);
+        char want[64];
+        snprintf(want, sizeof want, "Backing off next lba to: %08llu\n",
+                 (unsigned long long)(base + 5001));
+        EXPECT_NE(out.find(want), std::string::npos) << out;
+        std::vector<mqb::TraceEntry> t;
+        ASSERT_TRUE(mqb::traceGet(rig.dev, t));
+        std::vector<uint64_t> around;
+        for (const auto& e : t)
+            if (e.lba >= base + 4992 && e.lba <= base + 5020) around.push_back(e.lba - base);
+        EXPECT_EQ(around, (std::vector<uint64_t>{4992, 5000, 5001, 5009, 5017}));
+        EXPECT_EQ(l->errCount.load(), 1);
+        EXPECT_EQ(std::make_pair(t.back().lba, t.back().tl), std::make_pair(base + 9001, 0u));
+        EXPECT_EQ(t.back().opcode, base ? 0x88 : 0x28);
+    }
 }
 
 TEST(LoopRun, RefusedSendsAreCountedAndTheRunGoesOn) {

@@ -57,9 +57,7 @@ TEST(LoopSetup, UserBufferAndLimitMessages) {
          {"Error: selected user buffer size is less than largest write transfer length: "
           "4000 < 4096"}},
         {LoopCfg().depth(200, 0).tl(1, 70000).lba(0, 5e9),
-         {"KIV: <W> Queue depth 200 is above 128, using 128",
-          "KIV: <W> Transfer length 70000 does not fit a 10-byte CDB, using 65535",
-          "KIV: <W> LBA 5000000000 does not fit a 10-byte CDB, using 4294967295"}},
+         {"KIV: <W> Queue depth 200 is above 128, using 128"}},
     };
     std::unique_ptr<KIVLoop> l;
     for (const auto& k : cases) {
@@ -68,8 +66,33 @@ TEST(LoopSetup, UserBufferAndLimitMessages) {
             EXPECT_NE(msg.find(line + "\n"), std::string::npos) << msg;
         EXPECT_EQ(l->running.load(), k.cfg.dataBufferIdx < 0);
     }
+    // Lengths and bounds past the 10-byte CDB are kept whole: the 16-byte one carries them.
     EXPECT_EQ(std::make_tuple(l->qDepth, l->maxTL, l->maxLba),
-              std::make_tuple(128u, 65535u, 4294967295u));
+              std::make_tuple(128u, 70000u, 5000000000u));
+}
+
+// Bounds and the percent operation count of a 2^36-block disk, and a forced
+// 10-byte CDB refused at set-up when the range needs more, never cut.
+TEST(LoopSetup, SixtyFourBitRangesAndAForcedCdbForm) {
+    SimRig big("sim:blocks=68719476736");
+    std::string msg = capture([&] {
+        auto l = makeLoop(big, LoopCfg().lba(0.99, 1.0).tl(1, 1).depth(1, -100));
+        EXPECT_EQ(std::make_tuple(l->minLba, l->maxLba, l->ops, l->running.load()),
+                  std::make_tuple(uint64_t{68032281967}, uint64_t{68719476735}, uint64_t{687194768}, true));
+    }, false);
+    EXPECT_NE(msg.find("-> 687194768 operations\n"), std::string::npos) << msg;
+
+    SimRig forced("sim:blocks=68719476736,cdb=10");
+    std::unique_ptr<KIVLoop> l;
+    msg = capture([&] { l = makeLoop(forced, LoopCfg().lba(0, 4294967294.0)); });
+    EXPECT_EQ(std::make_pair(l->running.load(), l->cdbForm), std::make_pair(true, 10));
+    const std::string dev = "KIV: <E> Device " + std::to_string(forced.dev) + ": cdb=10 cannot carry ";
+    for (auto [c, text] : {std::pair{LoopCfg().lba(0, 4294967295.0), "LBA 4294967296; use cdb=16 or a smaller -lba range"},
+                           {LoopCfg().lba(0, 1000).tl(1, 65536), "a transfer of 65536 blocks; use cdb=16 or a smaller -translen"}}) {
+        msg = capture([&] { l = makeLoop(forced, c); });
+        EXPECT_NE(msg.find(dev + text + "\n"), std::string::npos) << msg;
+        EXPECT_EQ(std::make_pair(l->running.load(), l->errCount.load()), std::make_pair(false, -1));
+    }
 }
 
 // Queue depth 1 sets no queueing, 2 and more queueing to that depth; the data

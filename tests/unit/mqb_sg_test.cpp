@@ -242,6 +242,14 @@ TEST(SgOpen, ErrorMessages) {
     EXPECT_EQ(err, "\"" + file + "\" is not a SCSI generic device");
     EXPECT_EQ(mqb::addDevice("sg:", err), -1);
     EXPECT_EQ(err, "sg device needs a path");
+    // The time-out key is checked before the device is opened.
+    for (const char* bad : {"0", "3601", "", "-5", "10s"}) {
+        EXPECT_EQ(mqb::addDevice(std::string("sg:/nonexistent,timeout=") + bad, err), -1);
+        EXPECT_EQ(err, std::string("bad value \"") + bad +
+                           "\" for device text key \"timeout\" (1 to 3600 seconds)");
+    }
+    EXPECT_EQ(mqb::addDevice("sg:/nonexistent,timeout=5", err), -1);
+    EXPECT_EQ(err, "cannot open \"/nonexistent\": No such file or directory");
     unlink(file.c_str());
 }
 

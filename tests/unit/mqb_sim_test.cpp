@@ -12,6 +12,9 @@
 #include "DeviceTable.h"
 #include "MQB.h"
 #include "MQBErr.h"
+#include "DeviceInfo.h"
+#include "Scsi.h"
+#include "SenseParser.h"
 #include "backends/Queue.h"
 #include "backends/SimDisk.h"
 
@@ -107,6 +110,77 @@ TEST_F(Sim, RangeChecksAtTheLastLbaAndInvalidOpcode) {
     }
     EXPECT_EQ(roundTrip(m, rec(0x12, 0, 0)), MQB_ERR_CHECK);
     EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x20, 0x00));
+}
+
+// READ(16), WRITE(16), WRITE AND VERIFY(16) and VERIFY(16) on a 2^36-block
+// disk: the range checked with 64-bit LBAs and 32-bit lengths, a 16-byte
+// opcode in a 10-byte CDB unknown, the trace showing what was sent, and a
+// fault's INFORMATION above 32 bits in descriptor sense (72h) with the UEC.
+TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
+    Rig r("sim:blocks=68719476736");
+    MQB& m = *r.m;
+    const uint64_t last = (uint64_t{1} << 36) - 1;
+    auto rec16 = [](uint8_t op, uint64_t lba, uint32_t tl) {
+        CDBStruct c = rec(0, 0, 0);
+        c.cdbLen = 16;
+        c.cdb[0] = op;
+        for (int i = 0; i < 8; ++i) c.cdb[2 + i] = uint8_t(lba >> (56 - 8 * i));
+        for (int i = 0; i < 4; ++i) c.cdb[10 + i] = uint8_t(tl >> (24 - 8 * i));
+        return c;
+    };
+    ASSERT_TRUE(mqb::traceStart(r.idx, 0));
+    for (uint8_t op : {0x88, 0x8A, 0x8E, 0x8F}) {
+        EXPECT_EQ(roundTrip(m, rec16(op, last, 1)), 0) << int(op);
+        EXPECT_EQ(roundTrip(m, rec16(op, 0, 70000)), 0) << int(op);
+        for (auto [lba, tl] : {std::pair<uint64_t, uint32_t>{last, 2}, {last + 1, 0}, {~uint64_t{0}, 0xFFFFFFFF}}) {
+            EXPECT_EQ(roundTrip(m, rec16(op, lba, tl)), MQB_ERR_CHECK) << int(op) << " " << lba;
+            EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x21, 0x00));
+        }
+        CDBStruct shortCdb = rec16(op, 0, 1);
+        shortCdb.cdbLen = 10;
+        EXPECT_EQ(roundTrip(m, shortCdb), MQB_ERR_CHECK);
+        EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x20, 0x00));
+    }
+    std::vector<mqb::TraceEntry> t;
+    ASSERT_TRUE(mqb::traceGet(r.idx, t));
+    EXPECT_EQ(std::make_tuple(int(t[0].opcode), t[0].lba, t[1].tl, int(t[6].opcode)),
+              std::make_tuple(0x88, last, 70000u, 0x8A));
+    auto s = r.stats();
+    EXPECT_EQ(std::make_tuple(s.reads, s.writes, s.wrvs, s.verifies, s.other, s.blocksRead),
+              std::make_tuple(5u, 5u, 5u, 5u, 4u, uint64_t{70003} + 0xFFFFFFFFu))
+        << "counted by kind as sent; the short CDBs are no data commands";
+
+    const uint64_t high = (uint64_t{1} << 33) + 7;
+    Rule f = rule(Rule::Kind::Check, Rule::Op::Read, high, high);
+    f.key = 0x03, f.asc = 0x11, f.hasUec = true, f.uec = 0x1234, f.info = true;
+    r.fault(f);
+    Rule low = f;
+    low.lbaLo = low.lbaHi = 9;
+    r.fault(low);
+    ASSERT_EQ(roundTrip(m, rec16(0x88, high - 3, 8)), MQB_ERR_CHECK);
+    Bytes want(32, 0);
+    want[0] = 0x72, want[1] = 0x03, want[2] = 0x11, want[7] = 24;
+    want[8] = 0x00, want[9] = 0x0A, want[10] = 0x80;
+    for (int i = 0; i < 8; ++i) want[12 + i] = uint8_t(high >> (56 - 8 * i));
+    want[20] = 0x80, want[21] = 0x0A, want[22] = 0x12, want[23] = 0x34;
+    const Bytes got = lastSense(m);
+    EXPECT_EQ(got, want);
+    unsigned char info[8], v = 0;
+    unsigned short uec = 0;
+    SenseParser::getInformationBytes(got.data(), info, int(got.size()));
+    EXPECT_EQ(std::make_tuple(scsi::be64(info), SenseParser::getValidBit(got.data(), &v, 32),
+                              SenseParser::getUec(got.data(), &uec, 32)),
+              std::make_tuple(high, 1, 0x1234));
+    ASSERT_EQ(roundTrip(m, rec(READ10, 9, 1)), MQB_ERR_CHECK);
+    EXPECT_EQ(lastSense(m)[0], 0xF0) << "fixed format while the LBA fits 32 bits";
+
+    std::string err;
+    EXPECT_EQ(mqb::addDevice("sim:blocks=10,cdb=12", err), -1);
+    EXPECT_EQ(err, "bad value \"12\" for device text key \"cdb\" (10 or 16)");
+    Rig forced("sim:blocks=10,cdb=16");
+    DeviceInfo di;
+    forced.m->getDeviceInfo(&di);
+    EXPECT_EQ(std::make_pair(di.cdbForm, di.capacity), std::make_pair(16, uint64_t{9}));
 }
 
 TEST(SimSbc, ReadCapacityWithLazyAndZeroBlockSize) {

@@ -19,6 +19,9 @@ TEST(Parsers, LbaPercentAndColonRules) {
         {":", 0, 0, 0}, {"5:10%", 0, 5, 0.1}, {"0x10:0b11", 0, 16, 3}, {"%", 0, 0, 0},
         {"4294967295", 0, 0, 4294967295.0}, {"5%x", 1, 0, -1}, {"5%%", 1, 0, -1},
         {"7:9%x", 1, 7, -1}, {"1:2:3", 8, 1, -1},
+        // Absolute LBAs past 32 bits in any base; past 64 bits still an overflow.
+        {"4294967296:0x1000000000", 0, 4294967296.0, 68719476736.0},
+        {"1:99999999999999999999", 1, 1, -1},
     };
     Tcl_Interp* interp = testInterp();
     for (const auto& c : cases) {

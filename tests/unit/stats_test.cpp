@@ -142,7 +142,7 @@ TEST_F(Stats, EarlyFinalPassShowsOnlyThisRun) {
     // 50 ops in 500 ms = 100/s; 1000 blocks * 512 / 1000 / 500 ms = 1.02 mb/s.
     EXPECT_NE(out.find("       50 "), std::string::npos) << out;
     EXPECT_NE(out.find("      100   1.02 "), std::string::npos) << out;
-    EXPECT_EQ(std::make_pair(ctl->prevOps[0], ctl->prevBlocks[0]), std::make_pair(50u, (uint64_t)1000));
+    EXPECT_EQ(std::make_pair(ctl->prevOps[0], ctl->prevBlocks[0]), std::make_pair((uint64_t)50, (uint64_t)1000));
 }
 
 // run() derives the label before it refuses a run without devices; 90% random
