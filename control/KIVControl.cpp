@@ -21,9 +21,6 @@ char                      KIVControl::cmdstr[5][5] = {"r10", "w10", "rw10", "wrv
 
 namespace {
 
-// Size of the print buffer: "puts \"" followed by the lines queued by test threads.
-constexpr size_t kPrintBufSize = 65535;
-
 // Frees an owned string and clears the pointer.
 void freeString(char*& s) {
     free(s);

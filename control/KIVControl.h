@@ -14,6 +14,14 @@
 #include <pthread.h>
 #include <tcl.h>
 
+// The print buffer: the script "puts \"" followed by the lines test threads
+// queue for the interpreter's thread. Lines stop being queued once it holds
+// kPrintBufLimit characters.
+constexpr size_t kPrintBufSize = 65535;
+constexpr size_t kPrintBufLimit = 65000;
+constexpr char   kPutsPrefix[] = "puts \"";
+constexpr size_t kPutsPrefixLen = sizeof kPutsPrefix - 1;
+
 class KIVLoop;
 class MQBManager;
 class Hashtable;
@@ -25,7 +33,7 @@ public:
     Tcl_Interp*     interp;
     bool            running;
     pthread_mutex_t printMutex;
-    char*           printBuf;        // 65535 bytes: "puts \"" + queued lines
+    char*           printBuf;        // kPrintBufSize bytes: kPutsPrefix + queued lines
     size_t          printLen;
     MQBManager*     mqbManager;
     bool            threadMode;

@@ -24,11 +24,6 @@ constexpr int kStatusCheck = -16;
 // statistics and matching.
 constexpr int kMinParsedSense = 22;
 
-// The print buffer stops taking report lines here; the error log still gets them.
-constexpr size_t kPrintBufLimit = 65000;
-
-// Length of the "puts \"" prefix the print buffer always starts with.
-constexpr size_t kPrintPrefixLen = 6;
 
 struct SenseFields {
     unsigned char key = 0, code = 0, qual = 0;
@@ -70,7 +65,7 @@ void KIVControl::testErr(KIVLoop* loop, int status, unsigned char* sense, int se
     // held) and writes it to the error log.
     auto emit = [this](const char* text) {
         // Report lines stop at 65000 characters, one before printThreaded's lines.
-        if (printErrors) queueLineLocked(text, kPrintBufLimit - 1);
+        if (printErrors) queueLineLocked(text, kPrintBufLimit - 1);  // the print buffer stops here; the error log still gets them
         if (errLogfileName != nullptr && errLogfile != nullptr)
             noteWrite(fprintf(errLogfile, "%s\n", text), errLogWriteErr);
     };
@@ -151,18 +146,18 @@ void KIVControl::checkErr() {
     if (__atomic_load_n(&printLen, __ATOMIC_RELAXED) <= 9) return;
 
     pthread_mutex_lock(&printMutex);
-    if (interp != nullptr && printLen > kPrintPrefixLen) {
+    if (interp != nullptr && printLen > kPutsPrefixLen) {
         Tcl_Obj* objv[2];
         objv[0] = Tcl_NewStringObj("puts", 4);
-        objv[1] = Tcl_NewStringObj(printBuf + kPrintPrefixLen, (int)(printLen - kPrintPrefixLen));
+        objv[1] = Tcl_NewStringObj(printBuf + kPutsPrefixLen, (int)(printLen - kPutsPrefixLen));
         Tcl_IncrRefCount(objv[0]);
         Tcl_IncrRefCount(objv[1]);
         Tcl_EvalObjv(interp, 2, objv, 0);
         Tcl_DecrRefCount(objv[0]);
         Tcl_DecrRefCount(objv[1]);
     }
-    memcpy(printBuf, "puts \"", kPrintPrefixLen + 1);
-    __atomic_store_n(&printLen, kPrintPrefixLen, __ATOMIC_RELAXED);
+    memcpy(printBuf, kPutsPrefix, kPutsPrefixLen + 1);
+    __atomic_store_n(&printLen, kPutsPrefixLen, __ATOMIC_RELAXED);
     updateErrWindow();
     pthread_mutex_unlock(&printMutex);
 }

@@ -14,6 +14,7 @@
 #include "MQBErr.h"
 #include "MQBManager.h"
 #include "Scsi.h"
+#include "scsi/Cdb.h"
 
 uint8_t*             KIVLoop::read_buff = nullptr;
 uint64_t             KIVLoop::read_buff_size = 0;
@@ -234,7 +235,7 @@ KIVLoop::~KIVLoop() {
         mqb->ioctl(MQB_IOCTL_QUEUEING, 2, &a, &b);
         unsigned char off = 1;
         mqb->ioctl(MQB_IOCTL_FAST_READS, 1, &off);
-        int mode = 0, arg = 0;
+        int mode = MQB_DATA_OFF, arg = 0;
         unsigned char flag = 0;
         mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag);
         if (threadMode) {
@@ -275,9 +276,9 @@ bool KIVLoop::prepareDevice() {
                                ? "KIV: <I> Activated Fast Reads"
                                : "KIV: <I> Could not activate fast reads");
 
-    int mode = 3;
-    if (hwCompare) mode = 6;
-    if (dataBufferIdx >= 0) mode = 11;
+    int mode = MQB_DATA_GENERATE;
+    if (hwCompare) mode = MQB_DATA_KEYED;
+    if (dataBufferIdx >= 0) mode = MQB_DATA_REPEAT;
     int arg = 0;
     unsigned char flag = 0;
     const int modeRc = mqb->ioctl(MQB_IOCTL_DATA_MODE, 3, &mode, &arg, &flag);

@@ -12,6 +12,7 @@
 #include "KIVControl.h"
 #include "MQB.h"
 #include "Scsi.h"
+#include "scsi/Cdb.h"
 
 namespace {
 
@@ -253,7 +254,7 @@ void KIVLoop::loadFunc() {
         bump(blocksIssued, tl);
         return;
     }
-    unsigned char sense[252];
+    unsigned char sense[scsi::kMaxSense];
     int size = (int)sizeof sense;
     int length = 0;
     if (status == -16) mqb->errInfo(MQB_INFO_SENSE, 3, sense, &size, &length);

@@ -9,6 +9,7 @@
 #include "KIVControl.h"
 #include "MQB.h"
 #include "SenseParser.h"
+#include "WallClock.h"
 
 namespace {
 constexpr auto kRelaxed = std::memory_order_relaxed;
@@ -72,7 +73,7 @@ void KIVLoop::unloadFunc() {
         outstanding--;
         opsDone.store(opsDone.load(kRelaxed) + 1, kRelaxed);
         if (status != 0) {
-            unsigned char sense[252];
+            unsigned char sense[scsi::kMaxSense];
             int size = (int)sizeof sense;
             int length = 0;
             if (status == -16) mqb->errInfo(MQB_INFO_SENSE, 3, sense, &size, &length);
@@ -118,14 +119,7 @@ void KIVLoop::unloadFunc() {
 }
 
 // Returns the wall-clock time in whole seconds, truncated to 32 bits.
-uint32_t KIVLoop::getSec() {
-    static struct timeval time;
-    static struct timezone tz;
-    tz.tz_minuteswest = 0;
-    tz.tz_dsttime = 0;
-    gettimeofday(&time, &tz);
-    return (uint32_t)(((uint64_t)time.tv_sec * 1000 + (uint64_t)time.tv_usec / 1000) / 1000);
-}
+uint32_t KIVLoop::getSec() { return (uint32_t)(wallClockMs() / 1000); }
 
 // One draw of the process's shared rand() generator.
 int KIVLoop::hirand() { return rand(); }

@@ -64,18 +64,20 @@ struct TraceEntry {
 };
 
 struct DeviceSummary {
-    std::string spec;
+    std::string deviceText;          // as given to addDevice (mqb info: spec)
     std::string backend;             // "sim", "file", "sg", "iscsi"
     uint64_t    blocks = 0;          // capacity as DeviceInfo reports it (last LBA)
     uint32_t    blockSize = 0;
     bool        locked = false;
     bool        direct = false;      // data bypasses the page cache (file: with O_DIRECT)
     bool        journal = false;     // keeps a lost-write journal (within journalmax)
+    std::string queue;               // "sim", "io_uring", "sync", "sg", "iscsi"
+    std::string queueError;          // why the last queue could not be opened, or ""
 };
 
-// Adds a device from a spec text ("sim", "sim:blocks=1000,bs=4096", ...).
+// Adds a device from a device text ("sim", "sim:blocks=1000,bs=4096", ...).
 // Returns its index (0, 1, 2, ... in order), or -1 with a message in `err`.
-int addDevice(const std::string& spec, std::string& err);
+int addDevice(const std::string& deviceText, std::string& err);
 int deviceCount();
 bool deviceSummary(int idx, DeviceSummary& out);
 bool setLocked(int idx, bool locked);

@@ -29,14 +29,21 @@ constexpr int kSize     = 112;
 enum MQBIoctl {
     MQB_IOCTL_QUEUEING   = 104,  // (int* enable, int* arg): tagged queueing on (1) / off (0)
     MQB_IOCTL_MAX_DEPTH  = 106,  // (int* depth): largest number of commands outstanding
-    MQB_IOCTL_DATA_MODE  = 118,  // (int* mode, int* arg, unsigned char* flag): 0 off,
-                                 //   3 hardware generation, 6 hardware compare with
-                                 //   keyed LBAs, 11 repeat of user data. Mode 6
-                                 //   gives 1 (set, no lost-write journal) the one
-                                 //   time the journal cannot be allocated, and
-                                 //   MQB_ERR_NO_MEMORY when its tracker cannot be
+    MQB_IOCTL_DATA_MODE  = 118,  // (int* mode, int* arg, unsigned char* flag): a
+                                 //   MQBDataMode. MQB_DATA_KEYED gives 1 (set, no
+                                 //   lost-write journal) the one time the journal
+                                 //   cannot be allocated, and MQB_ERR_NO_MEMORY
+                                 //   when its tracker cannot be allocated.
     MQB_IOCTL_FAST_READS = 119,  // (unsigned char* v): 0 on, 1 off
     MQB_IOCTL_CLONE      = 131,  // (MQB** out): a new object, same driver and device
+};
+
+// Data modes of MQB_IOCTL_DATA_MODE.
+enum MQBDataMode {
+    MQB_DATA_OFF      = 0,   // the caller's data as it is
+    MQB_DATA_GENERATE = 3,   // hardware generation of write data
+    MQB_DATA_KEYED    = 6,   // hardware compare with keyed LBAs
+    MQB_DATA_REPEAT   = 11,  // repeat of user data
 };
 
 // receiveInfo / errInfo codes.

@@ -23,6 +23,7 @@ enum MQBStatus {
     MQB_ERR_CHECK        = -16,  // "Check Condition"
     MQB_ERR_TRANSFER     = -17,  // "Transfer Length Too Large"
     MQB_ERR_UNSUPPORTED  = -18,  // "Not Supported"
+    MQB_ERR_NO_QUEUE     = -19,  // "Cannot Open Device Queue" (mqb info IDX: queue_error)
 };
 
 class MQB_API MQBErr {

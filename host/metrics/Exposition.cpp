@@ -115,7 +115,7 @@ std::string exposition() {
         if (!mqb::deviceSummary(i, sum) || !mqb::deviceMetrics(i, d.m)) continue;
         d.idx = i;
         d.blockSize = sum.blockSize;
-        d.labels = "device=\"" + std::to_string(i) + "\",target=\"" + escapeLabel(sum.spec) +
+        d.labels = "device=\"" + std::to_string(i) + "\",target=\"" + escapeLabel(sum.deviceText) +
                    "\",backend=\"" + escapeLabel(sum.backend) + "\"";
         devs.push_back(std::move(d));
     }

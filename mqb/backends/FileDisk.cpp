@@ -1,4 +1,4 @@
-// FileDisk.cpp: opening a file or block device as a disk: the options after "file:",
+// FileDisk.cpp: opening a file or block device as a disk: the device text after "file:",
 // the geometry (BLKSSZGET and BLKGETSIZE64 for a block device, 512-byte
 // blocks for a file) and the O_DIRECT descriptor, probed once so that a file
 // system that refuses direct I/O says so at open instead of failing every
@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include "DeviceText.h"
 #include "FileQueue.h"
 
 namespace mqb {
@@ -35,12 +36,9 @@ std::unique_ptr<Backend> FileDisk::open(const std::string& params, std::string& 
     bool wantDirect = true;
     const size_t opt = path.rfind(",direct=");
     if (opt != std::string::npos) {
-        const std::string v = path.substr(opt + 8);
-        if (v != "0" && v != "1") {
-            err = "bad value \"" + v + "\" for device spec key \"direct\"";
-            return nullptr;
-        }
-        wantDirect = v == "1";
+        uint64_t v = 0;
+        if (!devtext::number("direct", path.substr(opt + 8), 0, 1, v, err)) return nullptr;
+        wantDirect = v == 1;
         path.resize(opt);
     }
     if (path.empty()) {
@@ -96,8 +94,10 @@ FileDisk::~FileDisk() {
     ::close(fd_);
 }
 
-std::unique_ptr<Queue> FileDisk::openQueue(int depth) {
-    return std::make_unique<FileQueue>(*this, depth);
+std::unique_ptr<Queue> FileDisk::openQueue(int depth, std::string&) {
+    return std::make_unique<FileQueue>(*this, depth, FileQueue::ringAvailable());
 }
+
+const char* FileDisk::queueKind() const { return FileQueue::ringAvailable() ? "io_uring" : "sync"; }
 
 }  // namespace mqb

@@ -17,7 +17,10 @@ public:
     // opened, holds no block, or direct I/O was asked for and is refused.
     static std::unique_ptr<Backend> open(const std::string& params, std::string& err);
     ~FileDisk() override;
-    std::unique_ptr<Queue> openQueue(int depth) override;
+    // A queue through io_uring when FileQueue::ringAvailable(), else one
+    // that runs each command inside submit ("sync").
+    std::unique_ptr<Queue> openQueue(int depth, std::string& err) override;
+    const char* queueKind() const override;
     Geometry geometry() const override { return Geometry{blocks_, blockSize_}; }
     const char* kind() const override { return "file"; }
     bool direct() const override { return directFd_ >= 0; }

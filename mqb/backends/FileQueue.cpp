@@ -90,11 +90,25 @@ bool aligned(const void* p, uint64_t len, uint32_t a) {
 }
 }  // namespace
 
+bool FileQueue::ringAvailable() {
+#if MQB_HAVE_URING
+    static const bool ok = [] {
+        const char* off = std::getenv("MQB_NO_IO_URING");
+        if (off && *off && std::strcmp(off, "0") != 0) return false;
+        io_uring probe;
+        if (io_uring_queue_init(1, &probe, 0) != 0) return false;
+        io_uring_queue_exit(&probe);
+        return true;
+    }();
+    return ok;
+#else
+    return false;
+#endif
+}
+
 FileQueue::FileQueue(FileDisk& disk, int depth, bool useRing)
     : disk_(disk), cap_(depth > 0 ? depth : 1), bs_(disk.blockSize()),
-      ops_(new Op[size_t(cap_)]), free_(new int[size_t(cap_)]), nFree_(cap_),
-      done_(new int[size_t(cap_)]) {
-    for (int i = 0; i < cap_; ++i) free_[i] = cap_ - 1 - i;
+      ops_(new Op[size_t(cap_)]), free_(cap_), done_(cap_) {
 #if MQB_HAVE_URING
     // One SQE per op is all the queue ever needs: an op has one transfer in
     // flight at a time.
@@ -283,19 +297,14 @@ void FileQueue::runSync(Op& op) {
     } while (advance(op, res));
 }
 
-void FileQueue::finish(int i) {
-    int pos = doneHead_ + doneCount_;
-    if (pos >= cap_) pos -= cap_;
-    done_[pos] = i;
-    ++doneCount_;
-}
+void FileQueue::finish(int i) { done_.push(i); }
 
 int FileQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
-    if (nFree_ == 0) return MQB_ERR_QUEUE_FULL;
+    if (free_.available() == 0) return MQB_ERR_QUEUE_FULL;
 #if MQB_HAVE_URING
     if (ringUp_ && !ownRing()) ringUp_ = false;  // no ring for this thread: synchronous from now
 #endif
-    const int i = free_[--nFree_];
+    const int i = free_.take();
     Op& op = ops_[i];
     op.token = token;
     op.out = out;
@@ -479,7 +488,7 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         if (min == 0 && ring_->singleIssuer && ring_->withKernel > 0 && io_uring_cq_ready(r) == 0)
             io_uring_get_events(r);
         takeCqes();
-        while (doneCount_ < min && ring_->withKernel > 0) {
+        while (done_.size() < min && ring_->withKernel > 0) {
             io_uring_cqe* cqe = nullptr;
             int rc;
             if (timeoutNs < 0) {
@@ -495,7 +504,7 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
                 }
             }
             if (rc < 0 && rc != -EINTR && rc != -EBUSY && rc != -EAGAIN) {
-                if (doneCount_ == 0) return MQB_ERR_IO;
+                if (done_.empty()) return MQB_ERR_IO;
                 break;
             }
             takeCqes();
@@ -508,12 +517,10 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
 #endif
     (void)timeoutNs;
     int n = 0;
-    while (n < max && doneCount_ > 0) {
-        const int i = done_[doneHead_];
-        if (++doneHead_ == cap_) doneHead_ = 0;
-        --doneCount_;
+    while (n < max && !done_.empty()) {
+        const int i = done_.pop();
         tokens[n++] = ops_[i].token;
-        free_[nFree_++] = i;
+        free_.give(i);
     }
     return n;
 }

@@ -8,6 +8,7 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include "IndexRing.h"
 #include "Queue.h"
 
 namespace mqb {
@@ -28,14 +29,21 @@ public:
     int submit(const Command& cmd, Outcome* out, uint64_t token) override;
     int commit() override;
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
-    int outstanding() const override { return cap_ - nFree_; }
+    int outstanding() const override { return cap_ - free_.available(); }
 
+    // "io_uring", or "sync" for the synchronous fallback.
+    const char* kind() const override { return ringUp_ ? "io_uring" : "sync"; }
     // True when commands go through io_uring (false: synchronous fallback).
-    bool async() const { return ringUp_; }
+    bool async() const override { return ringUp_; }
     // True when the ring is single-issuer with deferred completions and the
     // disk's descriptors are registered with it (known after the first
     // submit; false when the kernel does not offer them).
     bool tuned() const;
+
+    // Whether a queue may use io_uring in this process: built with liburing,
+    // the environment variable MQB_NO_IO_URING not set (or "0"), and the
+    // kernel gives a ring (tried once).
+    static bool ringAvailable();
 
     // Bytes of one bounce buffer: transfers the caller's buffers cannot make
     // directly (unaligned for O_DIRECT), read-backs and verify reads go
@@ -94,10 +102,8 @@ private:
     const int cap_;
     const uint64_t bs_;
     std::unique_ptr<Op[]> ops_;
-    std::unique_ptr<int[]> free_;  // stack of unused op indexes
-    int nFree_;
-    std::unique_ptr<int[]> done_;  // finished ops not yet reaped, oldest first
-    int doneHead_ = 0, doneCount_ = 0;
+    FreeSlots free_;        // unused op indexes
+    IndexRing<int> done_;   // finished ops not yet reaped, oldest first
     // The io_uring, when there is one (kept out of this header so that the
     // layout does not depend on how liburing was found).
     struct Ring;

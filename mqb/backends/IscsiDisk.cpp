@@ -1,10 +1,12 @@
-// IscsiDisk.cpp: the iscsi:// device spec, the log-in and capacity read at
+// IscsiDisk.cpp: the iscsi:// device text, the log-in and capacity read at
 // `mqb add`, and the disk's own session for commands run synchronously.
 #include "IscsiDisk.h"
 #include <cstdio>
 #include <cstdlib>
+#include "DeviceText.h"
 #include "IscsiQueue.h"
 #include "MQBErr.h"
+#include "SenseParser.h"
 
 namespace mqb {
 
@@ -37,13 +39,13 @@ void runOne(IscsiQueue& q, const Command& cmd, Outcome& out) {
 }
 }  // namespace
 
-bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err) {
+bool parseIscsiText(const std::string& deviceText, IscsiTarget& out, std::string& err) {
     const std::string scheme(kScheme);
-    if (spec.compare(0, scheme.size(), scheme) != 0) {
-        err = "an iSCSI device spec begins with " + scheme;
+    if (deviceText.compare(0, scheme.size(), scheme) != 0) {
+        err = "an iSCSI device text begins with " + scheme;
         return false;
     }
-    std::string rest = spec.substr(scheme.size());
+    std::string rest = deviceText.substr(scheme.size());
     std::string query;
     const size_t q = rest.find('?');
     if (q != std::string::npos) {
@@ -53,7 +55,7 @@ bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err)
     const size_t hostEnd = rest.find('/');
     const size_t lunStart = rest.rfind('/');
     if (hostEnd == std::string::npos || lunStart == hostEnd) {
-        err = "iSCSI device spec \"" + spec + "\" is not iscsi://HOST[:PORT]/TARGET-IQN/LUN";
+        err = "iSCSI device text \"" + deviceText + "\" is not iscsi://HOST[:PORT]/TARGET-IQN/LUN";
         return false;
     }
     std::string host = rest.substr(0, hostEnd);
@@ -71,7 +73,7 @@ bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err)
         host.resize(colon);
     }
     if (host.empty() || host == "[]" || (host[0] == '[' && host.back() != ']')) {
-        err = "iSCSI device spec \"" + spec + "\" has no host";
+        err = "iSCSI device text \"" + deviceText + "\" has no host";
         return false;
     }
     int port = kDefaultPort;
@@ -82,7 +84,7 @@ bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err)
         }
     }
     if (iqn.empty()) {
-        err = "iSCSI device spec \"" + spec + "\" has no target name";
+        err = "iSCSI device text \"" + deviceText + "\" has no target name";
         return false;
     }
     int lunValue = 0;
@@ -92,25 +94,18 @@ bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err)
     }
 
     int timeout = 30;
-    size_t pos = 0;
-    while (!query.empty() && pos <= query.size()) {
-        size_t amp = query.find('&', pos);
-        if (amp == std::string::npos) amp = query.size();
-        const std::string item = query.substr(pos, amp - pos);
-        const size_t eq = item.find('=');
-        const std::string key = item.substr(0, eq);
-        const std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
+    const bool optionsOk = devtext::forEachOption(query, '&', err, [&](const std::string& key,
+                                                                       const std::string& value) {
         if (key != "timeout") {
-            err = "unknown iSCSI option \"" + key + "\" (known: timeout)";
+            err = devtext::unknownKey(key);
             return false;
         }
-        if (!parseSmall(value, timeout) || timeout < 1 || timeout > kMaxTimeoutSec) {
-            err = "iSCSI timeout \"" + value + "\" is not a number of seconds from 1 to " +
-                  std::to_string(kMaxTimeoutSec);
-            return false;
-        }
-        pos = amp + 1;
-    }
+        uint64_t v = 0;
+        if (!devtext::number(key, value, 1, kMaxTimeoutSec, v, err)) return false;
+        timeout = int(v);
+        return true;
+    });
+    if (!optionsOk) return false;
 
     out.portal = host + ":" + std::to_string(port);
     out.host = host[0] == '[' ? host.substr(1, host.size() - 2) : host;
@@ -123,9 +118,9 @@ bool parseIscsiSpec(const std::string& spec, IscsiTarget& out, std::string& err)
 
 IscsiDisk::~IscsiDisk() = default;
 
-std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& err) {
+std::unique_ptr<Backend> IscsiDisk::open(const std::string& deviceText, std::string& err) {
     IscsiTarget target;
-    if (!parseIscsiSpec(spec, target, err)) return nullptr;
+    if (!parseIscsiText(deviceText, target, err)) return nullptr;
     std::unique_ptr<IscsiQueue> session = IscsiQueue::open(target, 1, err);
     if (!session) return nullptr;
 
@@ -143,12 +138,13 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
     Outcome out;
     for (int tries = 0; tries < 4; ++tries) {
         runOne(*session, c, out);
-        const bool unitAttention = out.status == MQB_ERR_CHECK && out.senseLen > 2 &&
-                                   (out.sense[(out.sense[0] & 0x7F) >= 0x72 ? 1 : 2] & 0x0F) == 6;
+        SenseParser::Kcq kcq;
+        SenseParser::getKcq(out.sense, out.senseLen, kcq);
+        const bool unitAttention = out.status == MQB_ERR_CHECK && kcq.key == scsi::kKeyUnitAttention;
         if (!unitAttention) break;
     }
     if (out.status != MQB_OK) {
-        err = "READ CAPACITY(16) on " + spec + " failed: " + MQBErr::errStr(out.status);
+        err = "READ CAPACITY(16) on " + deviceText + " failed: " + MQBErr::errStr(out.status);
         if (session->lost()) err += " (" + session->lossReason() + ")";
         return nullptr;
     }
@@ -158,8 +154,7 @@ std::unique_ptr<Backend> IscsiDisk::open(const std::string& spec, std::string& e
     return std::unique_ptr<Backend>(new IscsiDisk(target, geo));
 }
 
-std::unique_ptr<Queue> IscsiDisk::openQueue(int depth) {
-    std::string err;
+std::unique_ptr<Queue> IscsiDisk::openQueue(int depth, std::string& err) {
     return IscsiQueue::open(target_, depth, err);
 }
 

@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
-#include <chrono>
+#include "latency/SteadyClock.h"
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -85,10 +85,7 @@ bool probePortal(const IscsiTarget& t, std::string& err) {
     return false;
 }
 
-int64_t nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+int64_t nowNs() { return int64_t(steadyNs()); }
 }  // namespace
 
 struct IscsiQueue::Slot {
@@ -104,11 +101,8 @@ struct IscsiQueue::Slot {
 IscsiQueue::IscsiQueue(iscsi_context* ctx, const IscsiTarget& target, int depth)
     : ctx_(ctx), lun_(target.lun), timeoutSec_(target.timeoutSec),
       timeoutNs_(int64_t(target.timeoutSec) * 1000000000LL),
-      slots_(size_t(depth)), free_(size_t(depth)), nFree_(depth), done_(size_t(depth)) {
-    for (int i = 0; i < depth; ++i) {
-        slots_[size_t(i)].owner = this;
-        free_[size_t(i)] = depth - 1 - i;
-    }
+      slots_(size_t(depth)), free_(depth), done_(depth) {
+    for (Slot& s : slots_) s.owner = this;
 }
 
 // Keeps the process's rand() sequence where it was while libiscsi makes and
@@ -188,7 +182,7 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     out->senseLen = 0;
     if (cmd.cdb == nullptr || cmd.cdbLen == 0 || cmd.cdbLen > 16) return out->status = MQB_ERR_RECORD;
     if (lost_) return out->status = MQB_ERR_TIMEOUT;
-    if (nFree_ == 0) return out->status = MQB_ERR_QUEUE_FULL;
+    if (free_.available() == 0) return out->status = MQB_ERR_QUEUE_FULL;
 
     const sbc::Transfer t = sbc::dataTransfer(cmd);
     int dir = t.dir == sbc::Transfer::Dir::In    ? SCSI_XFER_READ
@@ -200,7 +194,7 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     if (len > 0 && buf == nullptr) return out->status = MQB_ERR_RECORD;
     if (len == 0) dir = SCSI_XFER_NONE;
 
-    const int idx = free_[size_t(nFree_ - 1)];
+    const int idx = free_.next();
     Slot& s = slots_[size_t(idx)];
     // What scsi_create_task does, on the slot's own record: allocated at its
     // first command (or after libiscsi hung memory of its own on it).
@@ -212,7 +206,7 @@ int IscsiQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
     task->cdb_size = cmd.cdbLen;
     task->xfer_dir = dir;
     task->expxferlen = int(len);
-    --nFree_;
+    free_.take();
     s.busy = true;
     s.out = out;
     s.token = token;
@@ -258,11 +252,8 @@ int IscsiQueue::flush() {
 }
 
 int IscsiQueue::take(uint64_t* tokens, int n, int max) {
-    const int depth = int(done_.size());
-    while (n < max && doneCount_ > 0) {
-        tokens[n++] = done_[size_t(doneHead_)];
-        doneHead_ = (doneHead_ + 1) % depth;
-        --doneCount_;
+    while (n < max && !done_.empty()) {
+        tokens[n++] = done_.pop();
         --outstanding_;
     }
     return n;
@@ -358,7 +349,7 @@ void IscsiQueue::recycle(Slot& s) {
     }
     s.busy = false;
     s.out = nullptr;
-    free_[size_t(nFree_++)] = int(&s - slots_.data());
+    free_.give(int(&s - slots_.data()));
 }
 
 void IscsiQueue::onDone(iscsi_context*, int status, void*, void* slot) {
@@ -415,9 +406,7 @@ void IscsiQueue::finish(Slot& s, int status) {
     recycle(s);
     --inFlight_;
     if (!closing_) {
-        const int depth = int(done_.size());
-        done_[size_t((doneHead_ + doneCount_) % depth)] = s.token;
-        ++doneCount_;
+        done_.push(s.token);
     }
 }
 
@@ -427,7 +416,7 @@ struct IscsiQueue::Slot {};
 
 IscsiQueue::IscsiQueue(iscsi_context* ctx, const IscsiTarget& target, int depth)
     : ctx_(ctx), lun_(target.lun), timeoutSec_(target.timeoutSec), timeoutNs_(0),
-      nFree_(depth) {}
+      free_(depth), done_(depth) {}
 
 std::unique_ptr<IscsiQueue> IscsiQueue::open(const IscsiTarget&, int, std::string& err) {
     err = "iscsi:// devices are not available: this build of libMQB has no libiscsi";

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 #include "IscsiDisk.h"
+#include "IndexRing.h"
 #include "Queue.h"
 
 struct iscsi_context;
@@ -33,6 +34,7 @@ public:
     int commit() override;
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
     int outstanding() const override { return outstanding_; }
+    const char* kind() const override { return "iscsi"; }
 
     // True once the session was lost (dropped, or a command timed out).
     bool lost() const { return lost_; }
@@ -74,10 +76,8 @@ private:
     const int timeoutSec_;
     const int64_t timeoutNs_;
     std::vector<Slot> slots_;
-    std::vector<int> free_;          // indexes of idle slots, used as a stack
-    int nFree_;
-    std::vector<uint64_t> done_;     // ring of finished tokens not yet reaped
-    int doneHead_ = 0, doneCount_ = 0;
+    FreeSlots free_;                 // indexes of idle slots
+    IndexRing<uint64_t> done_;       // finished tokens not yet reaped, oldest first
     int inFlight_ = 0;               // with the target (callback not yet run)
     int64_t firstDeadline_ = INT64_MAX;  // at or below the earliest deadline in flight
     int outstanding_ = 0;            // submitted and not yet reaped

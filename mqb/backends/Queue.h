@@ -1,6 +1,8 @@
-// Queue.h: the asynchronous queue a backend opens for one channel, the way a
-// storage engine talks to its transport: submit commands, commit them to the
-// device in one batch, reap completions with a time-out. A channel (MQB.cpp)
+// Queue.h: the queue a backend opens for one channel, the way a storage
+// engine talks to its transport: submit commands, commit them to the device
+// in one batch, reap completions with a time-out. A queue says what it is
+// (kind) and whether the device works on its commands while the caller goes
+// on (async). A channel (MQB.cpp)
 // holds one queue per selected device and knows no transport; every
 // transport (simulated disk, file, SCSI generic, iSCSI) implements this.
 #pragma once
@@ -20,7 +22,8 @@ public:
     // outcome will be written to `*out` and `token` handed back by reap().
     // `cmd`'s buffers and `*out` stay valid until then; `cmd` itself may go
     // once submit returns. Returns a negative status (nothing queued, `*out`
-    // may hold sense) when the command cannot be accepted. Never blocks.
+    // may hold sense) when the command cannot be accepted. An asynchronous
+    // queue never blocks here; one that is not runs the command inside submit.
     virtual int submit(const Command& cmd, Outcome* out, uint64_t token) = 0;
 
     // Hands every command submitted since the last commit to the device, in
@@ -41,6 +44,11 @@ public:
 
     // Commands submitted and not yet reaped.
     virtual int outstanding() const = 0;
+
+    // What carries the commands: "sim", "io_uring", "sync", "sg", "iscsi".
+    virtual const char* kind() const = 0;
+    // False when every command runs to its end inside submit().
+    virtual bool async() const { return true; }
 };
 
 }  // namespace mqb

@@ -6,12 +6,13 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include "DeviceText.h"
 #include "MQBErr.h"
+#include "SenseParser.h"
 #include "SgQueue.h"
 
 namespace mqb {
@@ -20,19 +21,10 @@ namespace {
 // First sg driver version with the SG_IO interface.
 constexpr int kMinSgVersion = 30000;
 
-// Sense key, code and qualifier of fixed (0x70/0x71) or descriptor
-// (0x72/0x73) sense; zeros for what the sense is too short to hold.
-void senseKcq(const Outcome& o, uint8_t kcq[3]) {
-    const bool desc = (o.sense[0] & 0x7F) >= 0x72;
-    const int at[3] = {desc ? 1 : 2, desc ? 2 : 12, desc ? 3 : 13};
-    for (int i = 0; i < 3; ++i) kcq[i] = o.senseLen > at[i] ? o.sense[at[i]] : 0;
-    kcq[0] &= 0x0F;
-}
-
 bool isUnitAttention(const Outcome& o) {
-    uint8_t kcq[3];
-    senseKcq(o, kcq);
-    return o.status == MQB_ERR_CHECK && kcq[0] == scsi::kKeyUnitAttention;
+    SenseParser::Kcq kcq;
+    SenseParser::getKcq(o.sense, o.senseLen, kcq);
+    return o.status == MQB_ERR_CHECK && kcq.key == scsi::kKeyUnitAttention;
 }
 }  // namespace
 
@@ -62,12 +54,9 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& params, std::string& er
     unsigned timeoutMs = kTimeoutMs;
     const size_t opt = path.rfind(",timeout=");
     if (opt != std::string::npos) {
-        const std::string v = path.substr(opt + 9);
-        char* end = nullptr;
-        const unsigned long sec = std::strtoul(v.c_str(), &end, 10);
-        if (v.empty() || !std::isdigit(static_cast<unsigned char>(v[0])) || *end != '\0' ||
-            sec < 1 || sec > 3600) {
-            err = "bad value \"" + v + "\" for device text key \"timeout\" (1 to 3600 seconds)";
+        uint64_t sec = 0;
+        if (!devtext::number("timeout", path.substr(opt + 9), 1, 3600, sec, err)) {
+            err += " (1 to 3600 seconds)";
             return nullptr;
         }
         timeoutMs = unsigned(sec) * 1000;
@@ -115,10 +104,10 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& params, std::string& er
         ::close(fd);
         err = "READ CAPACITY on \"" + path + "\" failed: " + MQBErr::errStr(out.status);
         if (out.status == MQB_ERR_CHECK) {
-            uint8_t kcq[3];
-            senseKcq(out, kcq);
+            SenseParser::Kcq kcq;
+            SenseParser::getKcq(out.sense, out.senseLen, kcq);
             char text[32];
-            std::snprintf(text, sizeof text, " (sense %02X/%02X/%02X)", kcq[0], kcq[1], kcq[2]);
+            std::snprintf(text, sizeof text, " (sense %02X/%02X/%02X)", kcq.key, kcq.asc, kcq.ascq);
             err += text;
         }
         return nullptr;
@@ -127,7 +116,7 @@ std::unique_ptr<Backend> SgDisk::open(const std::string& params, std::string& er
     return std::unique_ptr<Backend>(new SgDisk(path, geo, timeoutMs));
 }
 
-std::unique_ptr<Queue> SgDisk::openQueue(int depth) {
+std::unique_ptr<Queue> SgDisk::openQueue(int depth, std::string&) {
     const std::string path = path_;
     return std::make_unique<SgQueue>(
         [path]() {

@@ -16,7 +16,8 @@ public:
     // read-write, checks it is a SCSI generic device and reads its capacity.
     // Returns null with a message in `err` when any step fails.
     static std::unique_ptr<Backend> open(const std::string& params, std::string& err);
-    std::unique_ptr<Queue> openQueue(int depth) override;
+    std::unique_ptr<Queue> openQueue(int depth, std::string& err) override;
+    const char* queueKind() const override { return "sg"; }
     Geometry geometry() const override { return geo_; }
     const char* kind() const override { return "sg"; }
     uint32_t commandTimeoutSec() const override { return kTimeoutMs / 1000; }

@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include "latency/SteadyClock.h"
 #include <climits>
 #include <cstring>
 #include "MQBErr.h"
@@ -25,10 +25,7 @@ namespace {
 constexpr uint16_t kDidTimeOut = 0x03;
 constexpr uint16_t kDriverTimeout = 0x06, kDriverSense = 0x08, kDriverMask = 0x0F;
 
-int64_t nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+int64_t nowNs() { return int64_t(steadyNs()); }
 
 // The real descriptor.
 class SgFdPort : public SgPort {
@@ -109,9 +106,7 @@ void mapSgResult(const sg_io_hdr_t& h, Outcome& out) {
 
 SgQueue::SgQueue(SgPortOpener open, int depth, unsigned timeoutMs)
     : open_(std::move(open)), cap_(depth > 0 ? depth : 1), timeoutMs_(timeoutMs),
-      cmds_(new Cmd[size_t(cap_)]), free_(new int[size_t(cap_)]), nFree_(cap_),
-      pending_(new int[size_t(cap_)]), done_(new int[size_t(cap_)]) {
-    for (int i = 0; i < cap_; ++i) free_[i] = cap_ - 1 - i;
+      cmds_(new Cmd[size_t(cap_)]), free_(cap_), pending_(cap_), done_(cap_) {
     ports_.reserve(size_t(cap_));  // a Port never moves once made
     portFor();
 }
@@ -132,7 +127,7 @@ SgQueue::~SgQueue() {
 }
 
 int SgQueue::submit(const Command& c, Outcome* out, uint64_t token) {
-    if (nFree_ == 0) return MQB_ERR_QUEUE_FULL;
+    if (free_.available() == 0) return MQB_ERR_QUEUE_FULL;
     if (c.cdb == nullptr || c.cdbLen == 0 || c.cdbLen > 16) return MQB_ERR_RECORD;
     const sbc::Transfer t = sbc::dataTransfer(c);
     const int dir = t.dir == sbc::Transfer::Dir::In    ? SG_DXFER_FROM_DEV
@@ -141,7 +136,7 @@ int SgQueue::submit(const Command& c, Outcome* out, uint64_t token) {
     void* const data = t.buf;
     const uint64_t len = t.buf ? t.len : 0;
     if (len > UINT_MAX) return MQB_ERR_TRANSFER;
-    const int i = free_[--nFree_];
+    const int i = free_.take();
     Cmd& k = cmds_[i];
     k.token = token;
     k.out = out;
@@ -159,10 +154,7 @@ int SgQueue::submit(const Command& c, Outcome* out, uint64_t token) {
     k.h.timeout = timeoutMs_;
     k.h.pack_id = i;
     k.h.usr_ptr = &k;
-    int pos = pendHead_ + pendCount_;
-    if (pos >= cap_) pos -= cap_;
-    pending_[pos] = i;
-    ++pendCount_;
+    pending_.push(i);
     return MQB_OK;
 }
 
@@ -185,16 +177,11 @@ int SgQueue::portFor() {
     return int(ports_.size()) - 1;
 }
 
-void SgQueue::done(int i) {
-    int pos = doneHead_ + doneCount_;
-    if (pos >= cap_) pos -= cap_;
-    done_[pos] = i;
-    ++doneCount_;
-}
+void SgQueue::done(int i) { done_.push(i); }
 
 int SgQueue::commit() {
-    while (pendCount_ > 0) {
-        const int i = pending_[pendHead_];
+    while (!pending_.empty()) {
+        const int i = pending_.front();
         Cmd& k = cmds_[i];
         const int pi = portFor();
         if (pi < 0) {
@@ -217,8 +204,7 @@ int SgQueue::commit() {
                 k.port = pi;
                 ++p.inFlight;
                 ++inFlight_;
-                if (++pendHead_ == cap_) pendHead_ = 0;
-                --pendCount_;
+                pending_.pop();
                 continue;
             } else {
                 k.out->status = MQB_ERR_IO;
@@ -226,8 +212,7 @@ int SgQueue::commit() {
             }
         }
         done(i);
-        if (++pendHead_ == cap_) pendHead_ = 0;
-        --pendCount_;
+        pending_.pop();
     }
     return MQB_OK;
 }
@@ -259,7 +244,7 @@ int SgQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     for (;;) {
         for (size_t pi = 0; pi < ports_.size(); ++pi) drain(ports_[pi], int(pi));
         commit();  // room freed: start what waited
-        if (doneCount_ >= min || inFlight_ == 0) break;
+        if (done_.size() >= min || inFlight_ == 0) break;
         nfds_t n = 0;
         for (Port& p : ports_)
             if (p.inFlight > 0 && n < 64) fds[n++] = pollfd{p.port->pollFd(), POLLIN, 0};
@@ -268,17 +253,15 @@ int SgQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         const int64_t waitMs = deadline == INT64_MAX ? -1 : (deadline - now + 999999) / 1000000;
         const int rc = ::poll(fds, n, int(std::min<int64_t>(waitMs, INT_MAX)));
         if (rc < 0 && errno != EINTR) {
-            if (doneCount_ == 0) return MQB_ERR_IO;
+            if (done_.empty()) return MQB_ERR_IO;
             break;
         }
     }
     int n = 0;
-    while (n < max && doneCount_ > 0) {
-        const int i = done_[doneHead_];
-        if (++doneHead_ == cap_) doneHead_ = 0;
-        --doneCount_;
+    while (n < max && !done_.empty()) {
+        const int i = done_.pop();
         tokens[n++] = cmds_[i].token;
-        free_[nFree_++] = i;
+        free_.give(i);
     }
     return n;
 }

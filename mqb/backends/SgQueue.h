@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <vector>
+#include "IndexRing.h"
 #include "Queue.h"
 #include "SgPort.h"
 
@@ -30,7 +31,8 @@ public:
     // Starts every submitted command a descriptor has room for.
     int commit() override;
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
-    int outstanding() const override { return cap_ - nFree_; }
+    int outstanding() const override { return cap_ - free_.available(); }
+    const char* kind() const override { return "sg"; }
 
     int ports() const { return int(ports_.size()); }
 
@@ -56,12 +58,9 @@ private:
     const int cap_;
     const unsigned timeoutMs_;
     std::unique_ptr<Cmd[]> cmds_;
-    std::unique_ptr<int[]> free_;
-    int nFree_;
-    std::unique_ptr<int[]> pending_;  // submitted, not started, oldest first
-    int pendHead_ = 0, pendCount_ = 0;
-    std::unique_ptr<int[]> done_;     // finished, not reaped, oldest first
-    int doneHead_ = 0, doneCount_ = 0;
+    FreeSlots free_;
+    IndexRing<int> pending_;  // submitted, not started, oldest first
+    IndexRing<int> done_;     // finished, not reaped, oldest first
     int inFlight_ = 0;
     bool cannotOpen_ = false;
     std::vector<Port> ports_;

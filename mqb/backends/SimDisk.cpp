@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include "DeviceText.h"
 #include "MQBErr.h"
 #include "RelaxedCopy.h"
 #include "SimQueue.h"
@@ -21,70 +22,41 @@ constexpr uint64_t kMaxBlockSize = 1ULL << 20;
 constexpr uint64_t kMaxLatencyUs = 10000000;  // ten seconds
 constexpr uint64_t kMaxTimeoutSec = 3600;     // an hour
 
-// Parses a whole decimal or 0x-prefixed number; false on junk or overflow.
-bool parseNumber(const std::string& s, uint64_t& v) {
-    if (s.empty() || s[0] == '-' || s[0] == '+') return false;
-    errno = 0;
-    char* end = nullptr;
-    unsigned long long r = std::strtoull(s.c_str(), &end, 0);
-    if (errno != 0 || end == s.c_str() || *end != '\0') return false;
-    v = r;
-    return true;
-}
+// The options of a sim device text: each key's range and the field it sets.
+struct SimKey {
+    const char* key;
+    uint64_t    lo, hi;
+    void (*set)(SimConfig&, uint64_t);
+};
+const SimKey kSimKeys[] = {
+    {"blocks", 1, kMaxBlocks, [](SimConfig& c, uint64_t v) { c.blocks = v; }},
+    {"bs", 0, kMaxBlockSize, [](SimConfig& c, uint64_t v) { c.blockSize = uint32_t(v); }},
+    {"lazybs", 0, 1, [](SimConfig& c, uint64_t v) { c.lazyBlockSize = v == 1; }},
+    {"latency", 0, kMaxLatencyUs, [](SimConfig& c, uint64_t v) { c.latencyUs = uint32_t(v); }},
+    {"store", 0, 1, [](SimConfig& c, uint64_t v) { c.store = v == 1; }},
+    {"storemax", 0, UINT64_MAX, [](SimConfig& c, uint64_t v) { c.storeMax = v; }},
+    {"timeout", 1, kMaxTimeoutSec, [](SimConfig& c, uint64_t v) { c.timeoutSec = uint32_t(v); }},
+};
 
 }  // namespace
 
 bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err) {
-    size_t pos = 0;
-    while (pos < params.size()) {
-        size_t comma = params.find(',', pos);
-        if (comma == std::string::npos) comma = params.size();
-        std::string item = params.substr(pos, comma - pos);
-        pos = comma + 1;
-        if (item.empty()) continue;
-        size_t eq = item.find('=');
-        if (eq == std::string::npos) {
-            err = "device spec item \"" + item + "\" is not key=value";
-            return false;
+    return devtext::forEachOption(params, ',', err, [&](const std::string& key, const std::string& text) {
+        for (const SimKey& k : kSimKeys) {
+            if (key != k.key) continue;
+            uint64_t v = 0;
+            if (!devtext::number(key, text, k.lo, k.hi, v, err)) return false;
+            k.set(cfg, v);
+            return true;
         }
-        std::string key = item.substr(0, eq), text = item.substr(eq + 1);
-        uint64_t v = 0;
-        bool ok = parseNumber(text, v);
-        if (key == "blocks") {
-            ok = ok && v >= 1 && v <= kMaxBlocks;
-            if (ok) cfg.blocks = v;
-        } else if (key == "bs") {
-            ok = ok && v <= kMaxBlockSize;
-            if (ok) cfg.blockSize = uint32_t(v);
-        } else if (key == "lazybs") {
-            ok = ok && v <= 1;
-            if (ok) cfg.lazyBlockSize = v == 1;
-        } else if (key == "latency") {
-            ok = ok && v <= kMaxLatencyUs;
-            if (ok) cfg.latencyUs = uint32_t(v);
-        } else if (key == "store") {
-            ok = ok && v <= 1;
-            if (ok) cfg.store = v == 1;
-        } else if (key == "storemax") {
-            if (ok) cfg.storeMax = v;
-        } else if (key == "timeout") {
-            ok = ok && v >= 1 && v <= kMaxTimeoutSec;
-            if (ok) cfg.timeoutSec = uint32_t(v);
-        } else {
-            err = "unknown device spec key \"" + key + "\"";
-            return false;
-        }
-        if (!ok) {
-            err = "bad value \"" + text + "\" for device spec key \"" + key + "\"";
-            return false;
-        }
-    }
-    return true;
+        err = devtext::unknownKey(key);
+        return false;
+    });
 }
 
 SimDisk::SimDisk(const SimConfig& cfg) : cfg_(cfg) {}
 
-std::unique_ptr<Queue> SimDisk::openQueue(int depth) {
+std::unique_ptr<Queue> SimDisk::openQueue(int depth, std::string&) {
     return std::make_unique<SimQueue>(*this, depth);
 }
 
@@ -121,17 +93,34 @@ void SimDisk::execute(const Command& c, Outcome& out) {
     }
 }
 
+namespace {
+
+// Walks the bytes of up to `tl` blocks from `lba` (no more than `len`) in a
+// store of `chunkBytes`-byte chunks: f(chunk, offset in it, bytes) for each
+// piece in order, until f returns false. Returns false when it did.
+template <typename F>
+bool walkChunks(uint64_t bs, uint64_t chunkBytes, uint64_t lba, uint32_t tl, uint64_t len, F&& f) {
+    uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
+    while (left > 0) {
+        const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
+        const uint64_t n = std::min(left, chunkBytes - within);
+        if (!f(ci, within, n)) return false;
+        off += n;
+        left -= n;
+    }
+    return true;
+}
+
+}  // namespace
+
 // Copies up to tl blocks (bounded by the buffer length) into the store,
 // allocating the chunks it touches for the first time. Returns false, having
 // stored what fitted, when a chunk would take the store past storemax or
 // cannot be allocated.
 bool SimDisk::storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t len) {
-    const uint64_t bs = cfg_.blockSize, chunkBytes = kChunkBlocks * bs;
-    uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
+    const uint64_t chunkBytes = kChunkBlocks * cfg_.blockSize;
     std::lock_guard<std::mutex> g(storeLock_);
-    while (left > 0) {
-        const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
-        const uint64_t n = std::min(left, chunkBytes - within);
+    return walkChunks(cfg_.blockSize, chunkBytes, lba, tl, len, [&](uint64_t ci, uint64_t within, uint64_t n) {
         auto it = chunks_.find(ci);
         if (it == chunks_.end()) {
             if (storeBytes_ + chunkBytes > cfg_.storeMax) return false;
@@ -145,33 +134,26 @@ bool SimDisk::storeWrite(uint64_t lba, uint32_t tl, const uint8_t* src, uint64_t
             }
             storeBytes_ += chunkBytes;
         }
-        auto& chunk = it->second;
-        std::memcpy(chunk.get() + within, src, n);
+        std::memcpy(it->second.get() + within, src, n);
         src += n;
-        off += n;
-        left -= n;
-    }
-    return true;
+        return true;
+    });
 }
 
 // Copies up to tl blocks (bounded by the buffer length) out of the store;
 // blocks never written read as zeros.
 void SimDisk::storeRead(uint64_t lba, uint32_t tl, uint8_t* dst, uint64_t len) {
-    const uint64_t bs = cfg_.blockSize, chunkBytes = kChunkBlocks * bs;
-    uint64_t off = lba * bs, left = std::min<uint64_t>(len, uint64_t(tl) * bs);
     std::lock_guard<std::mutex> g(storeLock_);
-    while (left > 0) {
-        const uint64_t ci = off / chunkBytes, within = off % chunkBytes;
-        const uint64_t n = std::min(left, chunkBytes - within);
-        auto it = chunks_.find(ci);
-        if (it == chunks_.end())
-            relaxedZero(dst, n);
-        else
-            relaxedCopy(dst, it->second.get() + within, n);
-        dst += n;
-        off += n;
-        left -= n;
-    }
+    walkChunks(cfg_.blockSize, kChunkBlocks * cfg_.blockSize, lba, tl, len,
+               [&](uint64_t ci, uint64_t within, uint64_t n) {
+                   auto it = chunks_.find(ci);
+                   if (it == chunks_.end())
+                       relaxedZero(dst, n);
+                   else
+                       relaxedCopy(dst, it->second.get() + within, n);
+                   dst += n;
+                   return true;
+               });
 }
 
 }  // namespace mqb

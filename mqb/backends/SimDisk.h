@@ -28,9 +28,12 @@ bool parseSimConfig(const std::string& params, SimConfig& cfg, std::string& err)
 class SimDisk : public Backend {
 public:
     explicit SimDisk(const SimConfig& cfg);
-    std::unique_ptr<Queue> openQueue(int depth) override;
+    std::unique_ptr<Queue> openQueue(int depth, std::string& err) override;
+    const char* queueKind() const override { return "sim"; }
     Geometry geometry() const override;
-    void capacityRead() override { capacityKnown_.store(true, std::memory_order_relaxed); }
+    // With lazybs=1: a READ CAPACITY(10) has completed (its queue reaped it
+    // with GOOD status), so geometry() reports the block size from now on.
+    void capacityRead() { capacityKnown_.store(true, std::memory_order_relaxed); }
     const char* kind() const override { return "sim"; }
     uint32_t commandTimeoutSec() const override { return cfg_.timeoutSec; }
 

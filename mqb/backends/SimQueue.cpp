@@ -8,45 +8,40 @@
 
 namespace mqb {
 
-namespace {
-uint64_t nowNs() { return steadyNs(); }
-}  // namespace
-
 // A disk with latency sleeps in every reap: the opening thread (the
 // channel's, which reaps) gets a low timer slack so that the sleeps end on
 // time.
 SimQueue::SimQueue(SimDisk& disk, int depth)
     : disk_(disk), latencyNs_(uint64_t(disk.latencyUs()) * 1000),
-      ring_(new Entry[size_t(depth > 0 ? depth : 1)]), cap_(depth > 0 ? depth : 1) {
+      ring_(depth > 0 ? depth : 1) {
     if (latencyNs_ != 0) lowerTimerSlack();
 }
 
 // The disk answers now (data lands in the caller's buffer at once); only the
 // completion waits for its due time.
 int SimQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
-    if (count_ == cap_) return MQB_ERR_QUEUE_FULL;
+    if (ring_.size() == ring_.capacity()) return MQB_ERR_QUEUE_FULL;
     disk_.execute(cmd, *out);
-    int pos = head_ + count_;
-    if (pos >= cap_) pos -= cap_;
-    ring_[pos] = Entry{token, 0};
-    ++count_;
+    ring_.push(Entry{token, 0, cmd.opcode == scsi::kReadCapacity10 && out->status == MQB_OK});
     return MQB_OK;
 }
 
 // Starts the latency of every command submitted since the last commit. Reads
 // the clock only for a disk with latency.
 int SimQueue::commit() {
-    if (committed_ == count_) return MQB_OK;
+    if (committed_ == ring_.size()) return MQB_OK;
     if (latencyNs_ != 0) {
-        const uint64_t due = nowNs() + latencyNs_;
-        for (int i = committed_; i < count_; ++i) {
-            int pos = head_ + i;
-            if (pos >= cap_) pos -= cap_;
-            ring_[pos].due = due;
-        }
+        const uint64_t due = steadyNs() + latencyNs_;
+        for (int i = committed_; i < ring_.size(); ++i) ring_.at(i).due = due;
     }
-    committed_ = count_;
+    committed_ = ring_.size();
     return MQB_OK;
+}
+
+uint64_t SimQueue::popHead() {
+    const Entry e = ring_.pop();
+    if (e.capacity) disk_.capacityRead();
+    return e.token;
 }
 
 int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
@@ -55,28 +50,22 @@ int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     int n = 0;
     if (latencyNs_ == 0) {
         // Everything committed is done: no clock, no wait.
-        while (n < max && count_ > 0) {
-            tokens[n++] = ring_[head_].token;
-            if (++head_ == cap_) head_ = 0;
-            --count_;
-        }
-        committed_ = count_;
+        while (n < max && !ring_.empty()) tokens[n++] = popHead();
+        committed_ = ring_.size();
         return n;
     }
-    const uint64_t start = nowNs();
+    const uint64_t start = steadyNs();
     const uint64_t deadline = timeoutNs < 0 ? UINT64_MAX : start + uint64_t(timeoutNs);
     uint64_t now = start;
     for (;;) {
-        while (n < max && count_ > 0 && ring_[head_].due <= now) {
-            tokens[n++] = ring_[head_].token;
-            if (++head_ == cap_) head_ = 0;
-            --count_;
+        while (n < max && !ring_.empty() && ring_.front().due <= now) {
+            tokens[n++] = popHead();
             --committed_;
         }
-        if (n >= min || count_ == 0 || n == max || now >= deadline) break;
-        const uint64_t wake = ring_[head_].due < deadline ? ring_[head_].due : deadline;
+        if (n >= min || ring_.empty() || n == max || now >= deadline) break;
+        const uint64_t wake = ring_.front().due < deadline ? ring_.front().due : deadline;
         sleepUntilNs(wake);
-        now = nowNs();
+        now = steadyNs();
     }
     return n;
 }

@@ -4,6 +4,7 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include "IndexRing.h"
 #include "Queue.h"
 
 namespace mqb {
@@ -17,20 +18,21 @@ public:
     int commit() override;
     // Sleeps until the earliest command is due when fewer than `min` are.
     int reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) override;
-    int outstanding() const override { return count_; }
+    int outstanding() const override { return ring_.size(); }
+    const char* kind() const override { return "sim"; }
 
 private:
     struct Entry {
         uint64_t token;
         uint64_t due;  // steady-clock ns; set by commit
+        bool     capacity;  // a READ CAPACITY(10) answered GOOD: tells the disk when reaped
     };
+    // Hands back the entry at head_ and drops it from the ring.
+    uint64_t popHead();
     SimDisk& disk_;
     const uint64_t latencyNs_;
-    std::unique_ptr<Entry[]> ring_;
-    const int cap_;
-    int head_ = 0;       // oldest entry
-    int count_ = 0;      // entries held
-    int committed_ = 0;  // the first `committed_` entries from head_ have a due time
+    IndexRing<Entry> ring_;  // oldest first
+    int committed_ = 0;      // the first `committed_` entries have a due time
 };
 
 }  // namespace mqb

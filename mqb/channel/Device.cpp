@@ -21,8 +21,8 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 }
 }  // namespace
 
-Device::Device(std::string spec, std::unique_ptr<Backend> backend)
-    : spec_(std::move(spec)), backend_(std::move(backend)) {}
+Device::Device(std::string deviceText, std::unique_ptr<Backend> backend)
+    : deviceText_(std::move(deviceText)), backend_(std::move(backend)) {}
 
 Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k,
                              uint32_t* delayUs) {
@@ -233,6 +233,27 @@ void Device::reset() {
     updateSlowPath();
     data_.resetCounters();
     data_.resetLatency();
+}
+
+void Device::noteQueueOpened(const char* kind) {
+    std::lock_guard<std::mutex> g(lock_);
+    queueKind_ = kind;
+    queueError_.clear();
+}
+
+void Device::noteQueueFailed(const std::string& why) {
+    std::lock_guard<std::mutex> g(lock_);
+    queueError_ = why.empty() ? "the device gave no queue" : why;
+}
+
+std::string Device::queueKind() const {
+    std::lock_guard<std::mutex> g(lock_);
+    return queueKind_ ? queueKind_ : backend_->queueKind();
+}
+
+std::string Device::queueError() const {
+    std::lock_guard<std::mutex> g(lock_);
+    return queueError_;
 }
 
 }  // namespace mqb

@@ -34,7 +34,7 @@ struct ChannelCounters {
 
 class Device {
 public:
-    Device(std::string spec, std::unique_ptr<Backend> backend);
+    Device(std::string deviceText, std::unique_ptr<Backend> backend);
 
     // What admit() decided about a command.
     enum class Admit {
@@ -67,13 +67,21 @@ public:
     // Data verification and latency state (data mode, journal, histograms).
     DeviceData& data() { return data_; }
     const DeviceData& data() const { return data_; }
-    const std::string& spec() const { return spec_; }
+    const std::string& deviceText() const { return deviceText_; }
     bool locked() const { return locked_.load(std::memory_order_relaxed); }
     // The CDB form the device text forces on data commands: 10, 16, or 0 for
     // whichever carries each command.
     int cdbForm() const { return cdbForm_; }
     void setCdbForm(int form) { cdbForm_ = form; }
     void setLocked(bool v) { locked_.store(v, std::memory_order_relaxed); }
+
+    // The queue a channel opened last ("io_uring", "sync", ...), or why the
+    // last opening failed (empty when it did not). Set once per channel and
+    // device, not per command.
+    void noteQueueOpened(const char* kind);
+    void noteQueueFailed(const std::string& why);
+    std::string queueKind() const;
+    std::string queueError() const;
 
     // The states the last ioctls of any channel left on the device.
     void noteQueueing(bool on) { queueing_.store(on, std::memory_order_relaxed); }
@@ -99,7 +107,7 @@ private:
     bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
-    std::string spec_;
+    std::string deviceText_;
     std::unique_ptr<Backend> backend_;
     std::atomic<bool> locked_{false};
     int cdbForm_ = 0;  // set once, before the device is in the table
@@ -125,6 +133,8 @@ private:
     bool tracing_ = false;
     uint64_t traceLimit_ = 0;
     std::vector<TraceEntry> trace_;
+    const char* queueKind_ = nullptr;  // lock_ held; null until a queue opened
+    std::string queueError_;           // lock_ held
 };
 
 // The device at `idx`, or null. Devices stay valid for the life of the

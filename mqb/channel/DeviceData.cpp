@@ -1,6 +1,7 @@
 // DeviceData.cpp: per-device verification and latency state.
 #include "DeviceData.h"
 #include <new>
+#include "MQB.h"
 #include "MQBErr.h"
 
 namespace mqb {
@@ -70,7 +71,7 @@ bool DeviceData::setJournalFile(const std::string& path, const std::string& iden
 
 int DeviceData::setMode(int mode, const Geometry& g) {
     int rc = MQB_OK;
-    if (mode == 6 && carriesData_) {
+    if (mode == MQB_DATA_KEYED && carriesData_) {
         std::lock_guard<std::mutex> l(lock_);
         // A journal that cannot be had leaves the checks of the keys alone;
         // it is reported the first time and not tried again.

@@ -1,10 +1,11 @@
-// DeviceTable.cpp: the process-wide device table: adding devices from spec
-// texts and the host's controls over them (lock, faults, counters, trace).
+// DeviceTable.cpp: the process-wide device table: adding devices from their
+// device texts and the host's controls over them (lock, faults, counters, trace).
 #include "DeviceTable.h"
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include "Device.h"
+#include "backends/DeviceText.h"
 #include "backends/FileDisk.h"
 #include "backends/IscsiDisk.h"
 #include "backends/SgDisk.h"
@@ -28,7 +29,7 @@ Table& table() {
     return t;
 }
 
-// The keys every device spec takes, whatever its backend, and what the
+// The keys every device text takes, whatever its backend, and what the
 // device's data-verification state needs to know about the backend.
 struct CommonKeys {
     uint64_t journalMax = DeviceData::kDefaultJournalMax;
@@ -53,25 +54,18 @@ bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
         const std::string item = params.substr(pos, comma - pos);
         pos = comma + 1;
         if (item.compare(0, kKey.size(), kKey) == 0) {
-            const std::string text = item.substr(kKey.size());
-            errno = 0;
-            char* end = nullptr;
-            const unsigned long long v = std::strtoull(text.c_str(), &end, 0);
-            if (text.empty() || text[0] == '-' || errno != 0 || *end != '\0') {
-                err = "bad value \"" + text + "\" for device spec key \"journalmax\"";
+            if (!devtext::number("journalmax", item.substr(kKey.size()), 0, UINT64_MAX, keys.journalMax, err))
                 return false;
-            }
-            keys.journalMax = v;
         } else if (item.compare(0, kPath.size(), kPath) == 0) {
             keys.journalPath = item.substr(kPath.size());
             if (keys.journalPath.empty()) {
-                err = "empty path for device spec key \"journal\"";
+                err = "empty path for device text key \"journal\"";
                 return false;
             }
         } else if (item.compare(0, kCdbKey.size(), kCdbKey) == 0) {
             const std::string text = item.substr(kCdbKey.size());
             if (text != "10" && text != "16") {
-                err = "bad value \"" + text + "\" for device spec key \"cdb\" (10 or 16)";
+                err = devtext::badValue("cdb", text) + " (10 or 16)";
                 return false;
             }
             keys.cdbForm = text == "10" ? 10 : 16;
@@ -86,15 +80,15 @@ bool stripCommonKeys(std::string& params, CommonKeys& keys, std::string& err) {
     return true;
 }
 
-// Builds the backend a spec names; null with `err` set when it cannot.
-std::unique_ptr<Backend> makeBackend(const std::string& spec, CommonKeys& keys, std::string& err) {
-    if (spec.empty()) {
-        err = "empty device spec";
+// Builds the backend a device text names; null with `err` set when it cannot.
+std::unique_ptr<Backend> makeBackend(const std::string& deviceText, CommonKeys& keys, std::string& err) {
+    if (deviceText.empty()) {
+        err = "empty device text";
         return nullptr;
     }
-    const size_t colon = spec.find(':');
-    const std::string type = spec.substr(0, colon);
-    std::string params = colon == std::string::npos ? "" : spec.substr(colon + 1);
+    const size_t colon = deviceText.find(':');
+    const std::string type = deviceText.substr(0, colon);
+    std::string params = colon == std::string::npos ? "" : deviceText.substr(colon + 1);
     if (!stripCommonKeys(params, keys, err)) return nullptr;
     if (type == "sim") {
         SimConfig cfg;
@@ -122,14 +116,14 @@ Device* deviceAt(int idx) {
     return t.devices[size_t(idx)].get();
 }
 
-int addDevice(const std::string& spec, std::string& err) {
+int addDevice(const std::string& deviceText, std::string& err) {
     CommonKeys keys;
-    std::unique_ptr<Backend> be = makeBackend(spec, keys, err);
+    std::unique_ptr<Backend> be = makeBackend(deviceText, keys, err);
     if (!be) return -1;
-    auto dev = std::make_unique<Device>(spec, std::move(be));
+    auto dev = std::make_unique<Device>(deviceText, std::move(be));
     dev->data().configure(keys.journalMax, keys.carriesData, keys.recordLatency);
     // The journal names its device by the text without the journal's own path.
-    std::string identity = spec;
+    std::string identity = deviceText;
     if (!keys.journalPath.empty()) {
         const std::string item = "journal=" + keys.journalPath;
         const size_t at = identity.find(item);
@@ -157,13 +151,15 @@ bool deviceSummary(int idx, DeviceSummary& out) {
     Device* d = deviceAt(idx);
     if (!d) return false;
     const Geometry geo = d->backend().geometry();
-    out.spec = d->spec();
+    out.deviceText = d->deviceText();
     out.backend = d->backend().kind();
     out.blocks = geo.blocks ? geo.blocks - 1 : 0;
     out.blockSize = geo.blockSize;
     out.locked = d->locked();
     out.direct = d->backend().direct();
     out.journal = d->data().carriesData() && d->data().journalAllowed(geo.blocks);
+    out.queue = d->queueKind();
+    out.queueError = d->queueError();
     return true;
 }
 

@@ -1,7 +1,7 @@
 // MQBErr.cpp: the texts of the library's status codes.
 #include "MQBErr.h"
 
-// Codes run from 0 down to -18 without gaps, so the text is a table lookup.
+// Codes run from 0 down to -19 without gaps, so the text is a table lookup.
 const char* MQBErr::errStr(int status) {
     static const char* const kTexts[] = {
         "Success",
@@ -23,6 +23,7 @@ const char* MQBErr::errStr(int status) {
         "Check Condition",
         "Transfer Length Too Large",
         "Not Supported",
+        "Cannot Open Device Queue",
     };
     constexpr int kCount = int(sizeof kTexts / sizeof kTexts[0]);
     if (status > 0 || status <= -kCount) return "Unknown Status";

@@ -32,7 +32,7 @@ void LatencyRecorder::record(const Device* dev, uint8_t opcode, uint64_t sendNs)
     if (dev != dev_ || !set_) return;
     const int k = kindOf(opcode);
     if (k < 0) return;
-    const uint64_t now = nowNs();
+    const uint64_t now = steadyNs();
     set_->kind[k].record(now > sendNs ? now - sendNs : 0);
 }
 

@@ -4,7 +4,7 @@
 // send to the moment the channel hands its completion over. Reads the clock
 // only when the device records latency.
 #pragma once
-#include <chrono>
+#include "latency/SteadyClock.h"
 #include <cstdint>
 #include "channel/CmdTicket.h"
 #include "channel/DeviceData.h"
@@ -24,15 +24,11 @@ public:
     void attach(Device* dev);
     void detach();
 
-    static uint64_t nowNs() {
-        return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                            std::chrono::steady_clock::now().time_since_epoch()).count());
-    }
     // The histogram kind of an opcode, or -1 for commands not recorded.
     static int kindOf(uint8_t opcode);
 
     // At send: stamps the ticket with the time, or 0 when not recording.
-    void onSend(DeviceData& dd, CmdTicket& tk) { tk.sendNs = dd.latencyOn() ? nowNs() : 0; }
+    void onSend(DeviceData& dd, CmdTicket& tk) { tk.sendNs = dd.latencyOn() ? steadyNs() : 0; }
     // At completion: records the command when it was stamped at send and
     // belongs to the attached device.
     void onComplete(const Device* dev, uint8_t opcode, const CmdTicket& tk) {

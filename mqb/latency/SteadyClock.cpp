@@ -12,12 +12,6 @@ namespace {
 constexpr uint64_t kSpinNs = 20000;
 }  // namespace
 
-uint64_t steadyNs() {
-    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::steady_clock::now().time_since_epoch())
-                        .count());
-}
-
 void sleepUntilNs(uint64_t dueNs) {
     uint64_t now = steadyNs();
     if (now >= dueNs) return;

@@ -1,12 +1,18 @@
 // SteadyClock.h: the steady clock in nanoseconds, and a sleep that wakes
 // close to its due time (for simulated latency and held completions).
 #pragma once
+#include <chrono>
 #include <cstdint>
 
 namespace mqb {
 
-// The steady clock, in nanoseconds since an arbitrary start.
-uint64_t steadyNs();
+// The steady clock, in nanoseconds since an arbitrary start: the one clock
+// read of the library (latency stamps, queue deadlines, held completions).
+inline uint64_t steadyNs() {
+    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch())
+                        .count());
+}
 
 // Sleeps until the steady clock reaches `dueNs`, or returns at once when it
 // already has. Sleeps in the kernel until shortly before the time, then

@@ -3,18 +3,20 @@
 #include "SenseParser.h"
 #include <cstring>
 
-namespace {
+using Format = SenseParser::Format;
 
-enum class Format { Fixed, Descriptor, Unknown };
-
-Format formatOf(const unsigned char* s, int len) {
-    if (!s || len < 1) return Format::Unknown;
+SenseParser::Format SenseParser::format(const unsigned char* s, int len) {
+    if (!s || len < 1) return Format::None;
     switch (s[0] & 0x7F) {
     case 0x70: case 0x71: return Format::Fixed;
     case 0x72: case 0x73: return Format::Descriptor;
     default: return Format::Unknown;
     }
 }
+
+namespace {
+
+Format formatOf(const unsigned char* s, int len) { return SenseParser::format(s, len); }
 
 // The descriptor of `type` with at least `minLen` bytes after its two-byte
 // header in descriptor-format sense, or null. Descriptors start at byte 8 and
@@ -48,13 +50,20 @@ unsigned char senseByte(const unsigned char* sense, int len, int fixedAt, int de
     switch (formatOf(sense, len)) {
     case Format::Fixed: v = fixedAt < len ? sense[fixedAt] & mask : 0; break;
     case Format::Descriptor: v = descAt < len ? sense[descAt] & mask : 0; break;
-    case Format::Unknown: break;
+    case Format::None: case Format::Unknown: break;
     }
     if (out) *out = v;
     return v;
 }
 
 }  // namespace
+
+SenseParser::Format SenseParser::getKcq(const unsigned char* sense, int length, Kcq& out) {
+    getKey(sense, &out.key, length);
+    getCode(sense, &out.asc, length);
+    getQual(sense, &out.ascq, length);
+    return formatOf(sense, length);
+}
 
 unsigned char SenseParser::getKey(const unsigned char* sense, unsigned char* out, int length) {
     return senseByte(sense, length, 2, 1, 0x0F, out);
@@ -94,7 +103,7 @@ unsigned char SenseParser::getValidBit(const unsigned char* sense, unsigned char
         v = (d && (d[2] & 0x80)) ? 1 : 0;
         break;
     }
-    case Format::Unknown: break;
+    case Format::None: case Format::Unknown: break;
     }
     if (out) *out = v;
     return v;
@@ -118,7 +127,7 @@ int SenseParser::getInformationBytes(const unsigned char* sense, unsigned char* 
         }
         return 0;
     }
-    case Format::Unknown:
+    case Format::None: case Format::Unknown:
         break;
     }
     return -1;

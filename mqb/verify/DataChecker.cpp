@@ -3,9 +3,11 @@
 #include "DataChecker.h"
 #include <cstring>
 #include "KeyedBlock.h"
+#include "MQB.h"
 #include "MQBErr.h"
 #include "backends/RelaxedCopy.h"
 #include "channel/Device.h"
+#include "scsi/Cdb.h"
 
 namespace mqb {
 
@@ -59,8 +61,8 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
     // Reads outside keyed compare, and writes with neither generated data
     // nor a tracker to tell, have nothing to do here.
     const bool write = isWrite(c.opcode);
-    if (write ? (mode != 3 && mode != 6 && !tr)
-              : (mode != 6 || !tr || (c.opcode != scsi::kRead10 && c.opcode != scsi::kVerify10)))
+    if (write ? (mode != MQB_DATA_GENERATE && mode != MQB_DATA_KEYED && !tr)
+              : (mode != MQB_DATA_KEYED || !tr || (c.opcode != scsi::kRead10 && c.opcode != scsi::kVerify10)))
         return;
     if (c.tl == 0) return;
     const uint32_t bs = dev.backend().geometry().blockSize;
@@ -78,7 +80,7 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
     p.lba = c.lba, p.tl = c.tl, p.bs = bs, p.opcode = c.opcode, p.flags = 0, p.userBuf = nullptr;
 
     if (write) {
-        if (mode == 6 && dd.carriesData() && bs >= kKeyedMinBlock && grow(p.buf, bytes)) {
+        if (mode == MQB_DATA_KEYED && dd.carriesData() && bs >= kKeyedMinBlock && grow(p.buf, bytes)) {
             uint8_t* d = p.buf.p.get();
             p.seq = dd.nextSeq();
             for (uint32_t b = 0; b < c.tl; ++b) stampBlock(d + uint64_t(b) * bs, bs, c.lba + b, p.seq);
@@ -87,7 +89,7 @@ void DataChecker::prepare(Device& dev, Command& c, CmdTicket& tk) {
             p.flags |= Pending::kStamped;
             if (c.opcode == scsi::kWriteVerify10) p.flags |= Pending::kCheck;
         }
-        if (!(p.flags & Pending::kStamped) && (mode == 3 || mode == 6)) {
+        if (!(p.flags & Pending::kStamped) && (mode == MQB_DATA_GENERATE || mode == MQB_DATA_KEYED)) {
             if (const uint8_t* g = generated(bytes)) c.writeBuf = g, c.writeLen = bytes;  // else the caller's data
         }
         p.race = tr->begin(c.lba, c.lba + c.tl, true);

@@ -1,4 +1,4 @@
-// iscsi_queue_test.cpp: iscsi:// device specs, and the iSCSI queue against a
+// iscsi_queue_test.cpp: iscsi:// device texts, and the iSCSI queue against a
 // real target (tgtd on 127.0.0.1, started by tests/tgt_fixture.sh): commands
 // in flight at the queue depth, data that comes back as written, the target's
 // own sense, and sessions that die or stop answering. WRITE AND VERIFY and
@@ -116,12 +116,12 @@ uint32_t kcq(const Outcome& o) {
 TEST(IscsiSpec, AcceptsHostPortTargetLunAndTimeout) {
     mqb::IscsiTarget t;
     std::string err;
-    ASSERT_TRUE(mqb::parseIscsiSpec("iscsi://10.1.2.3/iqn.2001-04.com.example:disk/0", t, err)) << err;
+    ASSERT_TRUE(mqb::parseIscsiText("iscsi://10.1.2.3/iqn.2001-04.com.example:disk/0", t, err)) << err;
     EXPECT_EQ(t.portal, "10.1.2.3:3260");
     EXPECT_EQ(t.iqn, "iqn.2001-04.com.example:disk");
     EXPECT_EQ(t.lun, 0);
     EXPECT_EQ(t.timeoutSec, 30);
-    ASSERT_TRUE(mqb::parseIscsiSpec("iscsi://[::1]:3261/iqn.x/12?timeout=5", t, err)) << err;
+    ASSERT_TRUE(mqb::parseIscsiText("iscsi://[::1]:3261/iqn.x/12?timeout=5", t, err)) << err;
     EXPECT_EQ(t.portal, "[::1]:3261");
     EXPECT_EQ(t.host, "::1");
     EXPECT_EQ(t.port, 3261);
@@ -129,7 +129,7 @@ TEST(IscsiSpec, AcceptsHostPortTargetLunAndTimeout) {
     EXPECT_EQ(t.timeoutSec, 5);
 }
 
-TEST(IscsiSpec, RefusesMalformedSpecsWithAReason) {
+TEST(IscsiText, RefusesMalformedTextsWithAReason) {
     const char* bad[][2] = {
         {"iscsi:/h/iqn/1", "begins with iscsi://"},
         {"iscsi://h/iqn", "is not iscsi://HOST[:PORT]/TARGET-IQN/LUN"},
@@ -140,14 +140,14 @@ TEST(IscsiSpec, RefusesMalformedSpecsWithAReason) {
         {"iscsi://h//1", "has no target name"},
         {"iscsi://h/iqn/x", "LUN \"x\""},
         {"iscsi://h/iqn/16384", "LUN \"16384\""},
-        {"iscsi://h/iqn/1?timeout=0", "timeout \"0\""},
-        {"iscsi://h/iqn/1?timeout=5s", "timeout \"5s\""},
-        {"iscsi://h/iqn/1?retries=2", "unknown iSCSI option \"retries\""},
+        {"iscsi://h/iqn/1?timeout=0", "bad value \"0\" for device text key \"timeout\""},
+        {"iscsi://h/iqn/1?timeout=5s", "bad value \"5s\" for device text key \"timeout\""},
+        {"iscsi://h/iqn/1?retries=2", "unknown device text key \"retries\""},
     };
     for (auto& b : bad) {
         mqb::IscsiTarget t;
         std::string err;
-        EXPECT_FALSE(mqb::parseIscsiSpec(b[0], t, err)) << b[0];
+        EXPECT_FALSE(mqb::parseIscsiText(b[0], t, err)) << b[0];
         EXPECT_NE(err.find(b[1]), std::string::npos) << b[0] << ": " << err;
     }
 }
@@ -189,8 +189,9 @@ TEST_F(IscsiLun, KeepsTheQueueDepthInFlightAndReadsBackWhatItWrote) {
     constexpr int kDepth = 32, kTl = 8;
     EXPECT_EQ(disk_->geometry().blocks, 64u * 1024 * 1024 / kBs);  // READ CAPACITY(16) at open
     EXPECT_EQ(disk_->geometry().blockSize, kBs);
-    auto q = disk_->openQueue(kDepth);
-    ASSERT_NE(q, nullptr);
+    std::string why;
+    auto q = disk_->openQueue(kDepth, why);
+    ASSERT_NE(q, nullptr) << why;
     std::vector<Bytes> wdata(kDepth, Bytes(kTl * kBs)), rdata(kDepth, Bytes(kTl * kBs));
     std::vector<std::unique_ptr<Cmd>> cmds;
     for (int i = 0; i < kDepth; ++i) {
@@ -225,8 +226,9 @@ TEST_F(IscsiLun, KeepsTheQueueDepthInFlightAndReadsBackWhatItWrote) {
 
 // The target's own sense comes back whole: ILLEGAL REQUEST / LBA OUT OF RANGE.
 TEST_F(IscsiLun, PastTheEndGivesTheTargetsSense) {
-    auto q = disk_->openQueue(2);
-    ASSERT_NE(q, nullptr);
+    std::string why;
+    auto q = disk_->openQueue(2, why);
+    ASSERT_NE(q, nullptr) << why;
     const uint32_t blocks = uint32_t(disk_->geometry().blocks);
     Bytes data(kBs);
     Cmd read(READ10, blocks, 1, &data), zero(READ10, blocks + 10, 0, nullptr);
@@ -257,8 +259,9 @@ TEST_F(IscsiLun, LeavesTheProcessRandomSequenceAlone) {
     std::vector<int> got(8);
     got[0] = rand();
     {
-        auto q = disk_->openQueue(4);
-        ASSERT_NE(q, nullptr);
+        std::string why;
+        auto q = disk_->openQueue(4, why);
+        ASSERT_NE(q, nullptr) << why;
         Bytes data(kBs);
         Cmd read(READ10, 0, 1, &data);
         ASSERT_EQ(q->submit(read.c, &read.out, 1), 0);
@@ -282,8 +285,9 @@ protected:
         std::string err;
         disk_ = mqb::IscsiDisk::open(target_.url(urlSuffix), err);
         ASSERT_NE(disk_, nullptr) << err;
-        q_ = disk_->openQueue(depth);
-        ASSERT_NE(q_, nullptr);
+        std::string why;
+        q_ = disk_->openQueue(depth, why);
+        ASSERT_NE(q_, nullptr) << why;
     }
     void submitReads(int n, uint16_t tl) {
         data_.assign(size_t(n), Bytes(tl * kBs));

@@ -1,5 +1,8 @@
 // mqb_sense_test.cpp: sense data parsing in both formats, and the status texts.
 #include <gtest/gtest.h>
+
+#include <set>
+#include <string>
 #include <memory>
 #include <vector>
 #include "MQBErr.h"
@@ -30,7 +33,14 @@ TEST(SenseParser, FixedDescriptorAndUnknownFormats) {
         Bytes info(8, 0xAA);
         EXPECT_EQ(SenseParser::getInformationBytes(s, info.data()), r.info.empty() ? -1 : 0) << int(s[0]);
         EXPECT_EQ(info, r.info.empty() ? Bytes(8, 0xAA) : r.info) << int(s[0]);
+        // An unknown response code reads as zeros, like NO SENSE, but says so.
+        const int code = s[0] & 0x7F;
+        EXPECT_EQ(SenseParser::format(s), code == 0x7F ? SenseParser::Format::Unknown
+                                          : code >= 0x72 ? SenseParser::Format::Descriptor
+                                                         : SenseParser::Format::Fixed) << code;
     }
+    EXPECT_EQ(SenseParser::format(rows[0].s.data(), 0), SenseParser::Format::None);
+    EXPECT_EQ(SenseParser::format(nullptr, 18), SenseParser::Format::None);
 }
 
 // Each getter stays inside the length it is given, whatever byte 7 claims:
@@ -67,11 +77,17 @@ TEST(SenseParser, NeverReadsPastTheHeldLength) {
     }
 }
 
-TEST(MQBErrText, EveryCodeAndUnknown) {
-    const char* texts[] = {"Success", "General Failure", "Invalid Parameter", "No Device Selected",
-        "Device Index Out Of Range", "Device Locked", "Queue Full", "No Command Outstanding", "Unknown IOCTL Code",
-        "Bad Command Record", "Out Of Memory", "Unknown Driver", "I/O Error", "Format Error", "Command Timeout",
-        "Device Busy", "Check Condition", "Transfer Length Too Large", "Not Supported"};
-    for (int code = 0; code >= -18; --code) EXPECT_STREQ(MQBErr::errStr(code), texts[-code]) << code;
-    for (int code : {-19, -111, 1, 100, -2147483647 - 1}) EXPECT_STREQ(MQBErr::errStr(code), "Unknown Status") << code;
+// Every code from MQB_OK to the last has a text of its own; the codes around
+// them are unknown.
+TEST(MQBErrText, EveryCodeHasItsOwnTextAndOthersAreUnknown) {
+    std::set<std::string> seen;
+    for (int code = MQB_OK; code >= MQB_ERR_NO_QUEUE; --code) {
+        const std::string t = MQBErr::errStr(code);
+        EXPECT_NE(t, "Unknown Status") << code;
+        EXPECT_TRUE(seen.insert(t).second) << code << " repeats " << t;
+    }
+    EXPECT_STREQ(MQBErr::errStr(MQB_ERR_NO_MEMORY), "Out Of Memory");
+    EXPECT_STREQ(MQBErr::errStr(MQB_ERR_NO_QUEUE), "Cannot Open Device Queue");
+    for (int code : {MQB_ERR_NO_QUEUE - 1, -111, 1, 100, -2147483647 - 1})
+        EXPECT_STREQ(MQBErr::errStr(code), "Unknown Status") << code;
 }

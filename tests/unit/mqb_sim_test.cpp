@@ -88,9 +88,9 @@ struct Sim : ::testing::Test {
 
 TEST(SimSpec, BadSpecsAreRefusedWithTheirMessage) {
     const struct { const char* spec; const char* err; } bad[] = {
-        {"sim:foo=1", "unknown device spec key \"foo\""}, {"sim:store", "device spec item \"store\" is not key=value"},
-        {"sim:blocks=12x", "bad value \"12x\" for device spec key \"blocks\""}, {"disk", "unknown device type \"disk\""},
-        {"file:/dev/null", "\"/dev/null\" is smaller than one block"}, {"", "empty device spec"},
+        {"sim:foo=1", "unknown device text key \"foo\""}, {"sim:store", "device text item \"store\" is not key=value"},
+        {"sim:blocks=12x", "bad value \"12x\" for device text key \"blocks\""}, {"disk", "unknown device type \"disk\""},
+        {"file:/dev/null", "\"/dev/null\" is smaller than one block"}, {"", "empty device text"},
     };
     for (const auto& b : bad) {
         std::string err;
@@ -176,7 +176,7 @@ TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
 
     std::string err;
     EXPECT_EQ(mqb::addDevice("sim:blocks=10,cdb=12", err), -1);
-    EXPECT_EQ(err, "bad value \"12\" for device spec key \"cdb\" (10 or 16)");
+    EXPECT_EQ(err, "bad value \"12\" for device text key \"cdb\" (10 or 16)");
     Rig forced("sim:blocks=10,cdb=16");
     DeviceInfo di;
     forced.m->getDeviceInfo(&di);
@@ -380,7 +380,7 @@ TEST(SimStore, FullStoreFailsWritesLikeAThinDiskAndKeepsWhatItHas) {
     }
     std::string err;
     EXPECT_EQ(mqb::addDevice("sim:storemax=lots", err), -1);
-    EXPECT_EQ(err, "bad value \"lots\" for device spec key \"storemax\"");
+    EXPECT_EQ(err, "bad value \"lots\" for device text key \"storemax\"");
 }
 
 // Two threads read two stored disks into one buffer at once, as the
@@ -409,7 +409,8 @@ TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
     mqb::SimConfig cfg;
     cfg.latencyUs = 30000;
     mqb::SimDisk disk(cfg);
-    std::unique_ptr<mqb::Queue> q = disk.openQueue(4);
+    std::string why;
+    std::unique_ptr<mqb::Queue> q = disk.openQueue(4, why);
     uint8_t cdb[10] = {READ10};
     mqb::Command c;
     c.cdb = cdb, c.cdbLen = 10, c.opcode = READ10, c.tl = 1;

@@ -2,7 +2,7 @@
 // the LBA range check and READ CAPACITY(10) data.
 #include <algorithm>
 #include <cstring>
-#include "Backend.h"
+#include "scsi/Sbc.h"
 #include "MQBErr.h"
 
 namespace mqb {
