@@ -17,17 +17,15 @@ namespace {
 class KivCommand : public ::testing::Test {
 protected:
     static inline MQBManager* mgr = nullptr;
-    static inline int plainDev = -1, lazyDev = -1, zeroDev = -1, bigBlockDev = -1;
+    static inline int plainDev = -1, lazyDev = -1;
 
     static void SetUpTestSuite() {
         std::string err;
         plainDev = mqb::addDevice("sim:blocks=100000", err);
         lazyDev = mqb::addDevice("sim:blocks=100000,lazybs=1", err);
-        zeroDev = mqb::addDevice("sim:blocks=100000,bs=0", err);
-        bigBlockDev = mqb::addDevice("sim:blocks=100000,bs=4096", err);
         mgr = new MQBManager();
         mgr->setCurrentMQB(std::unique_ptr<MQB>(createMQB("sim", 0, 0, 0)));
-        ASSERT_TRUE(plainDev >= 0 && lazyDev >= 0 && zeroDev >= 0 && bigBlockDev >= 0) << err;
+        ASSERT_TRUE(plainDev >= 0 && lazyDev >= 0) << err;
         ASSERT_EQ(run(mgr, nullptr, testInterp()), 0);
     }
     void SetUp() override { use(plainDev); }
@@ -69,46 +67,33 @@ TEST_F(KivCommand, OptionsReachTheirFields) {
     }
 }
 
-TEST_F(KivCommand, TransferLengthIsCappedByBlockSize) {
-    use(bigBlockDev);  // 4096-byte blocks: 244 at most, and a low above it follows it down
-    kiv("-translen 300:400 -help");
-    EXPECT_EQ(control.minTL * 1000 + control.maxTL, 244244);
-
-    // A device that learns its block size from READ CAPACITY (10).
+// The caps themselves show on the parameter report (tests/tcl kiv-1.1, kiv-2.1).
+TEST_F(KivCommand, LazyBlockSizeIsReadOnceByReadCapacity) {
     use(lazyDev);
     mqb::traceStart(lazyDev, 0);
     kiv("-translen 2:4000 -help");
     mqb::traceStop(lazyDev);
-    EXPECT_EQ(control.minTL * 10000 + control.maxTL, 21953);
     std::vector<mqb::TraceEntry> trace;
     mqb::traceGet(lazyDev, trace);
     EXPECT_TRUE(trace.size() == 1 && trace[0].opcode == 0x25) << trace.size() << " commands";
-
-    // The block size is looked at before a bad value is reported.
-    use(zeroDev);
-    EXPECT_EQ(kiv("-translen 1:zz", TCL_ERROR), "-translen : Drive is reporting a block size of 0");
 }
 
+// The messages are checked in tests/tcl (kiv-2.1, run-3.1); here, what a
+// refusal leaves in the configuration.
 TEST_F(KivCommand, RefusalsLeaveTheLastGoodSettings) {
     kiv("-qd 3 -r10 10 -w10 90 -help");
     control.running = true;
-    EXPECT_EQ(kiv("-qd 9 -help", TCL_ERROR), "There is already a KIV test running.    "
-                                             "You can cancel the test with \"set kiv_run 0\"");
+    kiv("-qd 9 -help", TCL_ERROR);
     control.running = false;
     EXPECT_EQ(control.qDepth, 3);
-
     // A refused mix keeps the percentages of the last call that passed the check.
-    const char* total =
-        "Invalid percentage total. The sum of the test command percentages must equal 100";
-    EXPECT_EQ(kiv("-r10 100 -r10 60", TCL_ERROR), total);
-    EXPECT_EQ(kiv("-r10 50 -w10 5x", TCL_ERROR), total);  // replaces the number message
+    kiv("-r10 100 -r10 60", TCL_ERROR);
+    kiv("-r10 50 -w10 5x", TCL_ERROR);
     EXPECT_EQ(control.readPct * 1000 + control.writePct, 10090);
-
     // A later word equal to a percentage option, even as a value, defers the check.
     control.readPct = 7;
     kiv("-r10 50 -logstats -w10 -help");
     EXPECT_EQ(control.readPct, 7);
-    EXPECT_STREQ(control.statLogfileName, "-w10");
 }
 
 }  // namespace

@@ -23,35 +23,19 @@
 #include "loop_harness.h"
 
 namespace {
-using Bytes = std::vector<uint8_t>;
 constexpr uint8_t READ10 = 0x28, WRITE10 = 0x2A, WRV10 = 0x2E, VERIFY10 = 0x2F, BYTCHK = 0x02;
 constexpr int kBlocks = 4096, kDepth = 32, kTl = 8;
 
-// Sends one 10-byte command. `out` is its data-out buffer, `in` its data-in one.
+using namespace cdbtest;
 int send(MQB& m, uint8_t op, uint32_t lba, uint16_t tl, uint32_t tag, const uint8_t* out = nullptr,
          uint64_t outLen = 0, uint8_t* in = nullptr, uint64_t inLen = 0, uint8_t byte1 = 0) {
-    CDBStruct r;
-    std::memset(&r, 0, sizeof r);
-    r.recLen = 112, r.one = 1, r.cdbLen = 10, r.cdb[0] = op, r.cdb[1] = byte1, r.tag = tag;
-    r.cdb[7] = uint8_t(tl >> 8), r.cdb[8] = uint8_t(tl);
-    for (int i = 0; i < 4; ++i) r.cdb[2 + i] = uint8_t(lba >> (24 - 8 * i));
-    r.writeBuf = const_cast<uint8_t*>(out), r.writeLen = outLen, r.readBuf = in, r.readLen = inLen;
-    return m.send(reinterpret_cast<unsigned char*>(&r));
+    return cdbtest::send(m, record(op, lba, tl, tag, out, outLen, in, inLen, byte1));
 }
 int roundTrip(MQB& m, uint8_t op, uint32_t lba, uint16_t tl, const uint8_t* out, uint64_t outLen,
               uint8_t* in = nullptr, uint64_t inLen = 0, uint8_t byte1 = 0) {
-    const int rc = send(m, op, lba, tl, 0, out, outLen, in, inLen, byte1);
-    return rc ? rc : m.receive();
+    return cdbtest::roundTrip(m, record(op, lba, tl, 0, out, outLen, in, inLen, byte1));
 }
-int lastTag(MQB& m) { int t = -1; EXPECT_EQ(m.receiveInfo(MQB_INFO_TAG, 1, &t), 0); return t; }
-Bytes lastSense(MQB& m) { unsigned char b[252]; int size = 252, n = 0; m.errInfo(MQB_INFO_SENSE, 3, b, &size, &n); return Bytes(b, b + n); }
-// 32-byte fixed sense; with `info` >= 0 the VALID bit and INFORMATION.
-Bytes sense(uint8_t key, uint8_t asc, int64_t info = -1) {
-    Bytes s(32, 0);
-    s[0] = info >= 0 ? 0xF0 : 0x70, s[2] = key, s[7] = 24, s[12] = asc;
-    for (int i = 0; i < 4 && info >= 0; ++i) s[3 + i] = uint8_t(uint64_t(info) >> (24 - 8 * i));
-    return s;
-}
+Bytes sense(uint8_t key, uint8_t asc, int64_t info = -1) { return fixedSense(key, asc, 0, info); }
 Bytes pattern(size_t n, int seed) {
     Bytes b(n);
     for (size_t i = 0; i < n; ++i) b[i] = uint8_t(i * 31 + seed + i / 512);
