@@ -164,17 +164,7 @@ void Device::stats(DeviceStats& s) const {
     s.blocksRead = s.blocksWritten = s.errors = 0;
     {
         std::lock_guard<std::mutex> g(lock_);
-        for (const auto& c : channels_) {
-            s.commands += ld(c->commands);
-            s.reads += ld(c->reads);
-            s.writes += ld(c->writes);
-            s.wrvs += ld(c->wrvs);
-            s.verifies += ld(c->verifies);
-            s.other += ld(c->other);
-            s.blocksRead += ld(c->blocksRead);
-            s.blocksWritten += ld(c->blocksWritten);
-            s.errors += ld(c->errors);
-        }
+        for (const auto& c : channels_) c->addTo(s);
     }
     s.maxOutstanding = ld(maxOutstanding_);
     s.queueing = queueing_.load(std::memory_order_relaxed);

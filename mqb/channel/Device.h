@@ -30,6 +30,21 @@ struct ChannelCounters {
     static void bump(Counter& c, uint64_t n = 1) {
         c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
     }
+    // Adds this channel's command and block counts to `out`, any type with
+    // the same field names (DeviceStats, DeviceMetrics).
+    template <class Sums>
+    void addTo(Sums& out) const {
+        auto ld = [](const Counter& c) { return c.load(std::memory_order_relaxed); };
+        out.commands += ld(commands);
+        out.reads += ld(reads);
+        out.writes += ld(writes);
+        out.wrvs += ld(wrvs);
+        out.verifies += ld(verifies);
+        out.other += ld(other);
+        out.blocksRead += ld(blocksRead);
+        out.blocksWritten += ld(blocksWritten);
+        out.errors += ld(errors);
+    }
 };
 
 class Device {

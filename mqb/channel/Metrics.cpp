@@ -16,15 +16,7 @@ void Device::metrics(DeviceMetrics& out) const {
     const int n = nTracked_.load(std::memory_order_acquire);
     for (int i = 0; i < n; ++i) {
         const ChannelCounters* c = tracked_[i].load(std::memory_order_relaxed);
-        out.commands += ld(c->commands);
-        out.reads += ld(c->reads);
-        out.writes += ld(c->writes);
-        out.wrvs += ld(c->wrvs);
-        out.verifies += ld(c->verifies);
-        out.other += ld(c->other);
-        out.blocksRead += ld(c->blocksRead);
-        out.blocksWritten += ld(c->blocksWritten);
-        out.errors += ld(c->errors);
+        c->addTo(out);
         out.outstanding += ld(c->atDevice);  // each channel's count wraps alike: the sum is right
         c->sense.forEach([&](uint8_t key, uint8_t asc, uint8_t ascq, uint64_t count) {
             for (SenseCount& s : out.sense)
