@@ -96,12 +96,15 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
     return false;
 }
 
-void Device::enter(ChannelCounters& mine, uint64_t n) {
-    ChannelCounters::bump(mine.atDevice, n);
+uint64_t Device::sumAtDevice() const {
     uint64_t now = 0;
     const int count = nTracked_.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i)
         now += tracked_[i].load(std::memory_order_relaxed)->atDevice.load(std::memory_order_relaxed);
+    return now;
+}
+
+void Device::raisePeak(uint64_t now) {
     uint64_t peak = maxOutstanding_.load(std::memory_order_relaxed);
     while (now > peak &&
            !maxOutstanding_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {

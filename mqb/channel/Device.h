@@ -75,7 +75,15 @@ public:
     // collected back), kept per channel; enter() sums every channel's count
     // for the device's peak. Neither takes a lock or a locked instruction
     // (the peak's compare-and-swap runs only when a new peak is seen).
-    void enter(ChannelCounters& mine, uint64_t n);
+    void enter(ChannelCounters& mine, uint64_t n) {
+        ChannelCounters::bump(mine.atDevice, n);
+        if (nTracked_.load(std::memory_order_acquire) == 1) {  // this channel alone: no sum
+            const uint64_t now = mine.atDevice.load(std::memory_order_relaxed);
+            if (now > maxOutstanding_.load(std::memory_order_relaxed)) raisePeak(now);
+        } else {
+            raisePeak(sumAtDevice());
+        }
+    }
     void leave(ChannelCounters& mine, uint64_t n) { ChannelCounters::bump(mine.atDevice, uint64_t(0) - n); }
 
     Backend& backend() { return *backend_; }
@@ -119,6 +127,10 @@ public:
 
 private:
     using Counter = std::atomic<uint64_t>;
+    // The commands at the device over every tracked channel.
+    uint64_t sumAtDevice() const;
+    // Makes `now` the peak when it is above it.
+    void raisePeak(uint64_t now);
     bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 
