@@ -293,12 +293,15 @@ void FileQueue::takeCqes() {}
 #endif
 
 // The channel commits after each command it sends; the ring is entered once
-// the commands the last reap handed back have all been replaced (or by the
-// next reap, which submits and waits in one call), not once per command.
+// the commands the last reap handed back have all been replaced or kCommitBatch
+// of them wait (else by the next reap, which submits and waits in one call),
+// not once per command. Holding a whole large batch would leave the device
+// short of commands while the caller works through the completions.
 int FileQueue::commit() {
 #if MQB_HAVE_URING
-    if (sinceReap_ < lastReaped_) return MQB_OK;
     if (ringUp_ && ring_->enabled && io_uring_sq_ready(&ring_->ring) > 0) {
+        if (sinceReap_ < lastReaped_ && io_uring_sq_ready(&ring_->ring) < kCommitBatch)
+            return MQB_OK;
         // With deferred completions the same call also runs those that came
         // in, so the next reap finds them without entering the kernel.
         io_uring* r = &ring_->ring;
