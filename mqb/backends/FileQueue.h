@@ -113,7 +113,7 @@ private:
     // that reap handed back: commit() holds the new ones until they replace
     // all of those or kCommitBatch are waiting, so that a batch costs one
     // system call, or one per kCommitBatch commands.
-    static constexpr unsigned kCommitBatch = 8;
+    static constexpr unsigned kCommitBatch = 4;
     int sinceReap_ = 0, lastReaped_ = 0;
     void queueIo(int i);
     void takeCqes();
