@@ -63,8 +63,22 @@ public:
     // that fires. With no trace and no faults it takes no lock and does not
     // allocate. Given `delayUs`, a delay rule that fires adds its delay there
     // and the command passes on (the channel holds its completion back).
+    // Inline up to the trace and the faults: it runs once per command.
     Admit admit(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine,
-                uint32_t* delayUs = nullptr);
+                uint32_t* delayUs = nullptr) {
+        using C = ChannelCounters;
+        C::bump(mine.commands);
+        switch (cmd.opcode) {
+        case scsi::kRead10: C::bump(mine.reads); C::bump(mine.blocksRead, cmd.tl); break;
+        case scsi::kWrite10: C::bump(mine.writes); C::bump(mine.blocksWritten, cmd.tl); break;
+        case scsi::kWriteVerify10: C::bump(mine.wrvs); C::bump(mine.blocksWritten, cmd.tl); break;
+        case scsi::kVerify10: C::bump(mine.verifies); break;
+        default: C::bump(mine.other); break;
+        }
+        if (slowPath_.load(std::memory_order_acquire))
+            return traceAndFault(cmd, tag, out, mine, delayUs);
+        return Admit::Pass;
+    }
 
     // A counter set for one channel (a free one reused, else a new one that
     // lives as long as the device); the channel gives it back when it goes.
@@ -127,6 +141,9 @@ public:
 
 private:
     using Counter = std::atomic<uint64_t>;
+    // admit() with a trace or fault rules set: under lock_.
+    Admit traceAndFault(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine,
+                        uint32_t* delayUs);
     // The commands at the device over every tracked channel.
     uint64_t sumAtDevice() const;
     // Makes `now` the peak when it is above it.
