@@ -120,6 +120,7 @@ struct MQB::Impl {
         l.atDevice += l.uncommitted;
         uncommitted -= l.uncommitted;
         l.uncommitted = 0;
-        if (!reapFollows) l.queue->commit();  // a failed commit is retried by the next commit or reap
+        // A failed commit is retried by the next commit or reap.
+        if (!reapFollows) l.queue->commit();
     }
 };
