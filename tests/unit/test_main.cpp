@@ -27,19 +27,10 @@ const char* kCaptureScript = R"tcl(
     rename ::puts ::__kiv_real_puts
     set ::__kiv_captured ""
     proc ::puts {args} {
-        set nl 1
-        if {[lindex $args 0] eq "-nonewline"} { set nl 0; set args [lrange $args 1 end] }
-        if {[llength $args] == 1} {
-            append ::__kiv_captured [lindex $args 0]
-            if {$nl} { append ::__kiv_captured \n }
-            return
-        }
-        if {[llength $args] == 2 && [lindex $args 0] eq "stdout"} {
-            append ::__kiv_captured [lindex $args 1]
-            if {$nl} { append ::__kiv_captured \n }
-            return
-        }
-        if {$nl} { ::__kiv_real_puts {*}$args } else { ::__kiv_real_puts -nonewline {*}$args }
+        set opts [lrange $args 0 end-1]
+        if {[lindex $opts end] eq "stdout"} { set opts [lrange $opts 0 end-1] }
+        if {$opts ni {{} -nonewline}} { return [::__kiv_real_puts {*}$args] }
+        append ::__kiv_captured [lindex $args end] [expr {$opts eq "" ? "\n" : ""}]
     }
 )tcl";
 }  // namespace
