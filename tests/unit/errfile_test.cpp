@@ -57,11 +57,12 @@ TEST_F(ErrFile, EntriesWithValuesMasksAndAnnouncements) {
     for (int i = 0; i < 6; ++i) EXPECT_EQ(entry(i), want[i]);
 }
 
-// The first bad line ends the parse with -13; entries before it stay.
+// The first bad line ends the parse with -13; entries before it stay. A NUL byte
+// is a character like any other: it fails its field instead of hiding the rest.
 TEST_F(ErrFile, FormatFailuresStopAtOnce) {
     const std::string added = "<I> Added KCQ to error count: KCQ = 02 04 00 MASK = FF FF FF HALT=1\n";
     const std::string keyword = "<E> Keyword needs to be HALT or PASS\n", format = "<E> Parse Format";
-    const struct { const char* line; int entries; std::string out; } cases[] = {
+    const struct { std::string line; int entries; std::string out; } cases[] = {
         {"Halt 02 04 00\n", 1, keyword},
         {"/HALT 02 04 00\n", 1, keyword},
         {"\r\n", 1, keyword},
@@ -70,10 +71,12 @@ TEST_F(ErrFile, FormatFailuresStopAtOnce) {
         {"HALT 02 04 00 12\n", 2, added + format},
         {"HALT 2 04 00\n", 1, format},
         {"HALT 0g 04 00\n", 1, format},
+        {std::string("HALT 02 04 00 \0garbage\n", 23), 2, added + format},
+        {std::string("HALT 02\0 04 00\n", 16), 1, format},
     };
     for (const auto& c : cases) {
         ctl.kcqCount = 0;
-        EXPECT_EQ(parse(std::string("HALT 02 04 00\n") + c.line + "HALT 0A 0B 0C\n"), -13) << c.line;
+        EXPECT_EQ(parse("HALT 02 04 00\n" + c.line + "HALT 0A 0B 0C\n"), -13) << c.line;
         EXPECT_EQ(out, added + c.out) << c.line;
         EXPECT_EQ(ctl.kcqCount, c.entries) << c.line;
     }
@@ -93,17 +96,6 @@ TEST_F(ErrFile, TableHolds255EntriesAndKeepsTheirUecs) {
     // A refused line is still checked field by field.
     EXPECT_EQ(parse("HALT 05 06 07 BEEG\n"), -13);
     EXPECT_EQ(ctl.kcqUec[254], 0x10FE);
-}
-
-// A NUL byte is a character like any other: it fails its field instead of
-// hiding the rest of the line.
-TEST_F(ErrFile, NulByteFailsTheLine) {
-    EXPECT_EQ(parse(std::string("HALT 02 04 00 \0garbage\n", 23)), -13);
-    EXPECT_EQ(out, "<I> Added KCQ to error count: KCQ = 02 04 00 MASK = FF FF FF HALT=1\n"
-                   "<E> Parse Format");
-    ctl.kcqCount = 0;
-    EXPECT_EQ(parse(std::string("HALT 02\0 04 00\n", 16)), -13);
-    EXPECT_EQ(ctl.kcqCount, 0);
 }
 
 // A directory or a device is refused as a file I/O failure at once (reading
