@@ -1,5 +1,6 @@
-// errors_test.cpp: reports of failed commands on the display and in the log, their
-// counts, the halt/pass decision, the print buffer's drain and the statistics file.
+// errors_test.cpp: the output channels of a run (print, printLiteral, tclEval's
+// error line, the print buffer and its drain), reports of failed commands on the
+// display and in the log, their counts, the halt/pass decision and the statistics file.
 #include <cstring>
 #include <unistd.h>
 
@@ -93,9 +94,9 @@ TEST_F(Errors, ReportOnDisplayAndLog) {
 
 // The first matching entry decides; with an empty table errorHalt does; a
 // status without sense is matched as 00 00 00 / 0000; a time-out always stops.
-// PASS restarts a halted loop but not one the statistics pass stopped.
+// PASS restarts a halted loop but not one the statistics pass stopped (for good).
 TEST_F(Errors, HaltOrPassDecision) {
-    const struct { const char* file; bool errorHalt, before; int status, key, uec; bool after; } cases[] = {
+    const struct { const char* file; bool errorHalt, before; int status, key, uec; bool after, stopped = false; } cases[] = {
         {"", true, true, -12, 0, 0, false},
         {"HALT 03 11 00\n", false, true, -16, 3, 0, false},
         {"PASS 03 xx xx\nHALT 03 11 00\n", false, false, -16, 3, 0, true},
@@ -105,6 +106,7 @@ TEST_F(Errors, HaltOrPassDecision) {
         {"HALT 03 11 00 12xx\n", false, true, -16, 3, 0x12AB, false},
         {"HALT 00 00 00\n", false, true, -12, 0, 0, false},
         {"PASS xx xx xx\n", false, true, -14, 0, 0, false},
+        {"PASS xx xx xx\n", false, true, -16, 3, 0, false, true},
     };
     for (const auto& c : cases) {
         writeFile(path, c.file);
@@ -112,21 +114,39 @@ TEST_F(Errors, HaltOrPassDecision) {
         stdoutOf([&] { EXPECT_EQ(ctl->parseErrorFile(path.c_str()), 0); });
         ctl->haltOnError(c.errorHalt);
         KIVLoop* loop = addLoop(0);
-        loop->running.store(c.before);
+        c.stopped ? loop->requestStop() : loop->running.store(c.before);
         fail(loop, c.status, c.status == -16 ? sense(32, c.key, 0x11, 0, (uint16_t)c.uec) : "");
         EXPECT_EQ(loop->running.load(), c.after) << c.file << c.status << " " << c.key << " " << c.uec;
     }
-    // A stop made by the statistics pass is final: a PASS afterwards keeps it stopped.
-    writeFile(path, "PASS xx xx xx\n");
-    ctl->kcqCount = 0;
-    stdoutOf([&] { EXPECT_EQ(ctl->parseErrorFile(path.c_str()), 0); });
-    KIVLoop* loop = addLoop(0);
-    loop->requestStop();
-    fail(loop, -16, sense(32));
-    EXPECT_FALSE(loop->running.load() || loop->keepGoing());
 }
 
-TEST_F(Errors, CheckErrShowsQueuedTextLiterally) {
+// print lets Tcl substitute (library messages use \n) and cuts a line too long
+// for its buffer; printLiteral shows the text as given; tclEval reports failure.
+TEST(Output, PrintPrintLiteralAndTclEval) {
+    KIVControl c;
+    c.interp = testInterp();
+    Tcl_SetVar(testInterp(), "x", "42", TCL_GLOBAL_ONLY);
+    EXPECT_EQ(tclOutput([&] {
+                  c.print("KIV: test complete\\n");
+                  c.print("x=$x [expr {1+1}]");
+                  c.printLiteral("file $x [weird] \\n \"q\"");
+              }),
+              "KIV: test complete\n\nx=42 2\nfile $x [weird] \\n \"q\"\n");
+    std::string out = tclOutput([&] { c.print(std::string(10000, 'a').c_str()); });
+    EXPECT_GT(out.size(), 3000u);
+    EXPECT_LT(out.size(), 4097u);
+    EXPECT_EQ(out.find_first_not_of('a'), out.size() - 1);
+
+    int rc = TCL_OK;
+    EXPECT_EQ(stdoutOf([&] { rc = c.tclEval(testInterp(), "nosuchcommand 1"); }),
+              "<<<TCL ERROR>>>: \"nosuchcommand 1\" --> \"invalid command name \"nosuchcommand\"\"\n");
+    EXPECT_EQ(rc, TCL_ERROR);
+}
+
+// Lines are queued after the `puts "` prefix, each with a line feed, and checkErr
+// shows them literally in one puts and empties the buffer. Lines are taken until
+// the buffer holds more than 65000 characters; then they are dropped.
+TEST_F(Errors, PrintBufferDrainAndLimit) {
     Tcl_UnsetVar(testInterp(), "kiv_checkerr_ran", TCL_GLOBAL_ONLY);
     const char* hostile = "$x [set ::kiv_checkerr_ran 1] \" \\";
     ctl->printThreaded(hostile);
@@ -136,6 +156,15 @@ TEST_F(Errors, CheckErrShowsQueuedTextLiterally) {
     EXPECT_EQ(Tcl_GetVar(testInterp(), "kiv_checkerr_ran", TCL_GLOBAL_ONLY), nullptr);
     EXPECT_STREQ(ctl->printBuf, "puts \"");
     EXPECT_EQ(tclOutput([&] { ctl->checkErr(); }), "");  // nothing waiting: no puts at all
+
+    const std::string line(99, 'x');  // 100 characters with its line feed
+    while (ctl->printLen + 100 <= 65000) ctl->printThreaded(line.c_str());
+    ctl->printThreaded(std::string(65000 - ctl->printLen - 1, 'y').c_str());
+    ctl->printThreaded("z");  // taken at exactly 65000: the limit is "more than"
+    EXPECT_EQ(ctl->printLen, 65002u);
+    ctl->printThreaded("dropped");
+    EXPECT_EQ(ctl->printLen, 65002u);
+    EXPECT_EQ(strlen(ctl->printBuf), 65002u);
 }
 
 // Each check condition counts under a 50-character key of device, key, code,
