@@ -146,12 +146,11 @@ TEST(LoopCommands, SixteenByteFormWhereTenCannotCarryTheBlock) {
         l->unloadFunc();
         const CDBStruct& r = l->cdbs[l->tag % 128];
         const uint8_t* c = r.cdb;
-        const bool sixteen = want + 8 > top;
-        ASSERT_EQ(r.cdbLen, sixteen ? 16 : 10) << want;
-        EXPECT_EQ(c[0], op10[l->lastCmd] + (sixteen ? 0x60 : 0)) << want;  // 28 -> 88, 2F -> 8F
-        EXPECT_EQ(c[1], 0);
-        EXPECT_EQ(sixteen ? scsi::be64(c + 2) : scsi::be32(c + 2), want);
-        EXPECT_EQ(sixteen ? scsi::be32(c + 10) : scsi::be16(c + 7), 8u);
+        const bool sixteen = want + 8 > top;  // then 28 -> 88, 2F -> 8F
+        EXPECT_EQ(std::make_tuple(+r.cdbLen, +c[0], +c[1], sixteen ? scsi::be64(c + 2) : scsi::be32(c + 2),
+                                  sixteen ? scsi::be32(c + 10) : scsi::be16(c + 7)),
+                  std::make_tuple(sixteen ? 16 : 10, op10[l->lastCmd] + (sixteen ? 0x60 : 0), 0, want, 8u))
+            << want;
     }
     std::vector<mqb::TraceEntry> t;
     ASSERT_TRUE(mqb::traceGet(rig.dev, t));

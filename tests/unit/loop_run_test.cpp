@@ -47,9 +47,8 @@ TEST(LoopRun, PackedBacksOffPastAMediumError) {
         for (const auto& e : t)
             if (e.lba >= base + 4992 && e.lba <= base + 5020) around.push_back(e.lba - base);
         EXPECT_EQ(around, (std::vector<uint64_t>{4992, 5000, 5001, 5009, 5017}));
-        EXPECT_EQ(l->errCount.load(), 1);
-        EXPECT_EQ(std::make_pair(t.back().lba, t.back().tl), std::make_pair(base + 9001, 0u));
-        EXPECT_EQ(t.back().opcode, base ? 0x88 : 0x28);
+        EXPECT_EQ(std::make_tuple(l->errCount.load(), t.back().lba, t.back().tl, +t.back().opcode),
+                  std::make_tuple(1, base + 9001, 0u, base ? 0x88 : 0x28));
     }
 }
 
