@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Hashtable.h"
@@ -94,10 +95,9 @@ TEST(Hashtable, RemoveKeepsBucketPackedAndRemoveAllEmpties) {
         seen[w.getIndexKey(i)] = (long)w.getIndexVal(i);
     EXPECT_EQ(seen, want);
     int geometry = w.numBuckets * 100 + w.bucketSize;
-    w.removeAll();
-    EXPECT_EQ(w.size(), 0);
-    EXPECT_EQ(w.nextIndex(-1), -1);
-    EXPECT_EQ(w.numBuckets * 100 + w.bucketSize, geometry);  // the geometry stays
+    w.removeAll();  // empty, with the geometry it had
+    EXPECT_EQ(std::make_tuple(w.size(), w.nextIndex(-1), w.numBuckets * 100 + w.bucketSize),
+              std::make_tuple(0, -1, geometry));
     EXPECT_FALSE(w.put(K("e3"), P(1)));  // stored anew, not found stale
     EXPECT_EQ(w.get(K("e3")), P(1));
 }
