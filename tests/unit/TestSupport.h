@@ -19,9 +19,11 @@ Tcl_Interp* testInterp();
 void startTclCapture(Tcl_Interp* interp);
 std::string stopTclCapture(Tcl_Interp* interp);
 
-// What `f` writes through the test interpreter's puts, and on the process's stdout.
+// What `f` writes through the test interpreter's puts, on the process's stdout
+// and on its stderr.
 std::string tclOutput(const std::function<void()>& f);
 std::string stdoutOf(const std::function<void()>& f);
+std::string stderrOf(const std::function<void()>& f);
 
 // A new empty file under /tmp (the caller unlinks it); a file's whole text.
 std::string makeTempFile();

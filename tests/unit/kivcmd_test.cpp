@@ -37,9 +37,7 @@ protected:
     std::string kiv(const std::string& args, int rc = TCL_OK) {
         Tcl_Interp* interp = testInterp();
         startTclCapture(interp);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(Tcl_Eval(interp, ("kiv " + args).c_str()), rc) << args;
-        testing::internal::GetCapturedStderr();
+        stderrOf([&] { EXPECT_EQ(Tcl_Eval(interp, ("kiv " + args).c_str()), rc) << args; });
         std::string result = Tcl_GetStringResult(interp);
         EXPECT_EQ(stopTclCapture(interp), "") << args;
         return result;

@@ -27,9 +27,8 @@ int convert(const char* text, unsigned int& out, std::string& result, std::strin
     mgr->setRecvBufferIndex(5);
     Tcl_Interp* interp = testInterp();
     Tcl_SetResult(interp, const_cast<char*>(before), TCL_VOLATILE);
-    testing::internal::CaptureStderr();
-    int rc = Utils::getInt(out, text, interp, mgr);
-    err = testing::internal::GetCapturedStderr();
+    int rc = 0;
+    err = stderrOf([&] { rc = Utils::getInt(out, text, interp, mgr); });
     result = Tcl_GetStringResult(interp);
     Tcl_ResetResult(interp);
     return rc;
@@ -111,17 +110,15 @@ TEST(Parsers, TransferLengthAndOps) {
     Tcl_Interp* interp = testInterp();
     for (const auto& c : cases) {
         unsigned int low = 99, high = 99;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(parseTLInfo(c.text, low, high, nullptr, interp), c.rc) << c.text;
-        testing::internal::GetCapturedStderr();
+        stderrOf([&] { EXPECT_EQ(parseTLInfo(c.text, low, high, nullptr, interp), c.rc) << c.text; });
         if (c.rc == 0) { EXPECT_EQ(low * 1000 + high, c.low * 1000 + c.high) << c.text; }
     }
     // -ops takes whatever was converted, even on failure; -10 wraps and reads back.
     int ops = -7, bad = -7;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(parseOpInfo(nullptr, "12ab", ops, interp), 8);
-    EXPECT_EQ(parseOpInfo(nullptr, "-10", bad, interp), 6);
-    testing::internal::GetCapturedStderr();
+    stderrOf([&] {
+        EXPECT_EQ(parseOpInfo(nullptr, "12ab", ops, interp), 8);
+        EXPECT_EQ(parseOpInfo(nullptr, "-10", bad, interp), 6);
+    });
     EXPECT_EQ(std::make_pair(ops, bad), std::make_pair(12, -10));
 }
 

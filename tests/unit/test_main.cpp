@@ -61,6 +61,12 @@ std::string stdoutOf(const std::function<void()>& f) {
     return testing::internal::GetCapturedStdout();
 }
 
+std::string stderrOf(const std::function<void()>& f) {
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
+
 std::string makeTempFile() {
     char tmpl[] = "/tmp/kiv_unit_XXXXXX";
     int fd = mkstemp(tmpl);
