@@ -100,3 +100,10 @@ proc waitFor {cond {ms 20000}} {
     }
     return 1
 }
+
+# Runs kiv with `args` on device d, its output captured, and returns a dict:
+# code, out (what it printed), then d's counters as `mqb stats` gives them.
+proc runOn {d args} {
+    lassign [capture [list kiv -devices $d {*}$args]] code res out
+    dict merge [dict create code $code out $out] [mqb stats $d]
+}
