@@ -36,10 +36,11 @@ proc kivshChild {script {timeout 120}} {
     file delete -force $f $errf
     return [list [exitCode $code $opts] $out $err]
 }
-# The exit code of a finished exec (0 when it succeeded).
+# The exit code of a finished exec (0 when it succeeded), or the name of the
+# signal that ended it.
 proc exitCode {code opts} {
     set ec [expr {$code ? [dict get $opts -errorcode] : {}}]
-    expr {!$code ? 0 : [lindex $ec 0] eq "CHILDSTATUS" ? [lindex $ec 2] : -1}
+    expr {!$code ? 0 : [lindex $ec 0] in {CHILDSTATUS CHILDKILLED} ? [lindex $ec 2] : -1}
 }
 
 # A fresh temporary file path inside the test directory.
