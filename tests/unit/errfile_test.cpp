@@ -1,8 +1,6 @@
 // errfile_test.cpp: the error control file parser: entries with values, masks and
-// announcements, comments, keyword and format failures, missing file, table limit.
+// announcements, comments, keyword and format failures, table limit, size bound.
 #include <unistd.h>
-
-#include <random>
 
 #include "TestSupport.h"
 
@@ -80,7 +78,6 @@ TEST_F(ErrFile, FormatFailuresStopAtOnce) {
         EXPECT_EQ(out, added + c.out) << c.line;
         EXPECT_EQ(ctl.kcqCount, c.entries) << c.line;
     }
-    EXPECT_EQ(ctl.parseErrorFile("/nonexistent/kiv/errfile"), -111);
 }
 
 TEST_F(ErrFile, TableHolds255EntriesAndKeepsTheirUecs) {
@@ -98,35 +95,14 @@ TEST_F(ErrFile, TableHolds255EntriesAndKeepsTheirUecs) {
     EXPECT_EQ(ctl.kcqUec[254], 0x10FE);
 }
 
-// A directory or a device is refused as a file I/O failure at once (reading
-// /dev/zero would never end), and so is a file past the size bound; each says so.
-TEST_F(ErrFile, NotARegularFileOrTooLongIsRefused) {
-    for (const char* p : {"/tmp", "/dev/zero", "/dev/null"}) {
-        int rc = 0;
-        out = stdoutOf([&] { rc = ctl.parseErrorFile(p); });
-        EXPECT_EQ(rc, -112) << p;
-        EXPECT_EQ(out, std::string("<E> Error file ") + p + " is not a regular file\n");
-    }
+// A file past the size bound is refused as a file I/O failure, and says so;
+// entries read before the bound stay.
+TEST_F(ErrFile, FileLongerThanTheBoundIsRefused) {
     std::string comments;
     while (comments.size() <= (1u << 20)) comments += "# " + std::string(60, 'c') + "\n";
     EXPECT_EQ(parse("HALT 02 04 00\n" + comments), -112);
     EXPECT_NE(out.find("is longer than 1048576 bytes, stopped reading\n"), std::string::npos) << out;
     EXPECT_EQ(ctl.kcqCount, 1);
-}
-
-// Binary junk (NULs, high bytes, lines longer than the line buffer, no final
-// newline) is refused or ignored and never read past; the sanitizer builds
-// watch the reads.
-TEST_F(ErrFile, BinaryJunkIsRefusedNotFollowed) {
-    std::mt19937 gen(7);
-    for (int round = 0; round < 40; ++round) {
-        std::string junk(1 + gen() % 3000, '\0');
-        for (char& c : junk) c = (char)gen();
-        ctl.kcqCount = 0;
-        int rc = parse(junk);
-        EXPECT_TRUE(rc == 0 || rc == -13) << "round " << round << " rc " << rc;
-        EXPECT_LE(ctl.kcqCount, 255);
-    }
 }
 
 }  // namespace
