@@ -59,33 +59,27 @@ protected:
     std::string path = makeTempFile();
 };
 
-// Sense bytes go sixteen to a line; the log gets the display's lines, and a
-// time-out a line of its own; with printErrors off only the log has the report.
+// Sense bytes go sixteen to a line, the last line short; a check condition
+// without sense still has its heading. The log gets the display's lines.
+// (A full 32-byte report, a time-out's log line and -printerrors 0 are checked
+// on real runs by tests/tcl err-1.1 and err-1.2.)
 TEST_F(Errors, ReportOnDisplayAndLog) {
     openLog();
     KIVLoop* loop = addLoop(3);
-    const struct { int status; std::string sense, lines, logOnly; } cases[] = {
-        {-16, sense(18), std::string("Sense Data:\n") + kSense18Lines, ""},
-        {-16, sense(32, 3, 0x11, 0, 0x1234), "Sense Data:\n"
-              "70 41 03 43 44 45 46 18 48 49 4A 4B 11 00 4E 4F \n"
-              "50 51 52 53 12 34 56 57 58 59 5A 5B 5C 5D 5E 5F \n", ""},
-        {-16, "", "Sense Data:\n", ""},
-        {-14, "", "", "---Timeout Occurred---\n"},
+    const struct { std::string sense, lines; } cases[] = {
+        {sense(18), std::string("Sense Data:\n") + kSense18Lines},
+        {"", "Sense Data:\n"},
     };
     std::string log;
     for (const auto& c : cases) {
         ctl->printLen = 6;
-        fail(loop, c.status, c.sense);
-        EXPECT_EQ(queued(), head(c.status, 3) + c.lines);
-        log += head(c.status, 3) + c.lines + c.logOnly;
+        fail(loop, -16, c.sense);
+        EXPECT_EQ(queued(), head(-16, 3) + c.lines);
+        log += head(-16, 3) + c.lines;
     }
     EXPECT_EQ(readLog(), log);
-    ctl->reportErrors(false), ctl->printLen = 6;  // logged only
-    fail(loop, -16, sense(18));
-    EXPECT_EQ(ctl->printLen, 6u);
-    EXPECT_EQ(readLog(), log + head(-16, 3) + "Sense Data:\n" + kSense18Lines);
-    ctl->setErrLogfile(nullptr);  // neither shown nor logged: not counted, but still judged
-    ctl->haltOnError(true);
+    ctl->reportErrors(false), ctl->setErrLogfile(nullptr);  // neither shown nor logged:
+    ctl->haltOnError(true);                                 // not counted, but still judged
     int counted = ctl->errStats->size();
     fail(loop, -16, sense(32));
     EXPECT_EQ(ctl->errStats->size(), counted);
@@ -168,28 +162,21 @@ TEST_F(Errors, PrintBufferDrainAndLimit) {
 }
 
 // Each check condition counts under a 50-character key of device, key, code,
-// qualifier and UEC; the statistics file lists the keys with their counts.
+// qualifier and UEC; time-outs and other failures are not counted. The statistics
+// file lists the keys with their counts and empties the table. (Rows of several
+// devices, a UEC and a short sense: tests/tcl err-3.1.)
 TEST_F(Errors, CountsAndStatFile) {
-    KIVLoop *dev3 = addLoop(3), *dev4 = addLoop(4);
+    KIVLoop* dev3 = addLoop(3);
     for (int i = 0; i < 5; ++i) fail(dev3, -16, sense(32));
-    fail(dev4, -16, sense(32));
-    fail(dev3, -16, sense(32, 0x04, 0x44, 0x01, 0xBEEF));
-    fail(dev3, -16, sense(21));  // too short: counted as all zero
-    fail(dev3, -14), fail(dev3, -12);  // only check conditions are counted
+    fail(dev3, -14), fail(dev3, -12);
     char key[] = "row";
     ctl->errWidgets->put(key, (void*)1), ctl->errWidgetCount = 1;
     ASSERT_NE(ctl->errStatFile = fopen(path.c_str(), "w"), nullptr);
     ctl->generateStatFile();
     fclose(ctl->errStatFile);
-    const std::string file = readFile(path);
-    EXPECT_EQ(file.substr(0, 139), "Indx         Key   Code   Qualifier            UEC            Errors\n" +
-                                       std::string(69, '-') + "\n");
-    EXPECT_EQ(file.size(), 139u + 4 * 69) << file;
-    for (const char* row : {"   3          03     11          00           0000                 5\n",
-                            "   4          03     11          00           0000                 1\n",
-                            "   3          04     44          01           BEEF                 1\n",
-                            "   3          00     00          00           0000                 1\n"})
-        EXPECT_NE(file.find(row), std::string::npos) << row;  // rows come in table order
+    EXPECT_EQ(readFile(path), "Indx         Key   Code   Qualifier            UEC            Errors\n" +
+                                  std::string(69, '-') + "\n"
+                                  "   3          03     11          00           0000                 5\n");
     EXPECT_EQ(ctl->errStats->size() + ctl->errWidgets->size() + ctl->errWidgetCount, 0);
 }
 
