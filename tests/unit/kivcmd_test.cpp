@@ -35,11 +35,11 @@ protected:
     // Runs "kiv <args>", expects code `rc` and nothing printed through puts (a
     // run started); returns the result.
     std::string kiv(const std::string& args, int rc = TCL_OK) {
-        Tcl_Interp* interp = testInterp();
-        startTclCapture(interp);
-        stderrOf([&] { EXPECT_EQ(Tcl_Eval(interp, ("kiv " + args).c_str()), rc) << args; });
-        std::string result = Tcl_GetStringResult(interp);
-        EXPECT_EQ(stopTclCapture(interp), "") << args;
+        std::string result;
+        EXPECT_EQ(tclOutput([&] {
+                      stderrOf([&] { EXPECT_EQ(Tcl_Eval(testInterp(), ("kiv " + args).c_str()), rc) << args; });
+                      result = Tcl_GetStringResult(testInterp());
+                  }), "") << args;
         return result;
     }
 };

@@ -23,6 +23,8 @@ extern "C" const char* Tcl_InitStubs(Tcl_Interp* interp, const char* version, in
 namespace {
 Tcl_Interp* g_interp = nullptr;
 
+// A `puts` that keeps what goes to stdout (one argument, or -nonewline and/or
+// stdout before it) in ::__kiv_captured and passes any other call through.
 const char* kCaptureScript = R"tcl(
     rename ::puts ::__kiv_real_puts
     set ::__kiv_captured ""
@@ -37,22 +39,14 @@ const char* kCaptureScript = R"tcl(
 
 Tcl_Interp* testInterp() { return g_interp; }
 
-void startTclCapture(Tcl_Interp* interp) {
-    Tcl_Eval(interp, kCaptureScript);
-}
-
-std::string stopTclCapture(Tcl_Interp* interp) {
-    const char* v = Tcl_GetVar(interp, "__kiv_captured", TCL_GLOBAL_ONLY);
-    std::string out = v ? v : "";
-    Tcl_Eval(interp, "rename ::puts {}; rename ::__kiv_real_puts ::puts; unset -nocomplain ::__kiv_captured");
-    Tcl_ResetResult(interp);
-    return out;
-}
-
 std::string tclOutput(const std::function<void()>& f) {
-    startTclCapture(g_interp);
+    Tcl_Eval(g_interp, kCaptureScript);
     f();
-    return stopTclCapture(g_interp);
+    const char* v = Tcl_GetVar(g_interp, "__kiv_captured", TCL_GLOBAL_ONLY);
+    std::string out = v ? v : "";
+    Tcl_Eval(g_interp, "rename ::puts {}; rename ::__kiv_real_puts ::puts; unset -nocomplain ::__kiv_captured");
+    Tcl_ResetResult(g_interp);
+    return out;
 }
 
 std::string stdoutOf(const std::function<void()>& f) {
