@@ -121,11 +121,10 @@ TEST(Output, PrintPrintLiteralAndTclEval) {
     c.interp = testInterp();
     Tcl_SetVar(testInterp(), "x", "42", TCL_GLOBAL_ONLY);
     EXPECT_EQ(tclOutput([&] {
-                  c.print("KIV: test complete\\n");
-                  c.print("x=$x [expr {1+1}]");
+                  c.print("x=$x [expr {1+1}]\\n");
                   c.printLiteral("file $x [weird] \\n \"q\"");
               }),
-              "KIV: test complete\n\nx=42 2\nfile $x [weird] \\n \"q\"\n");
+              "x=42 2\n\nfile $x [weird] \\n \"q\"\n");
     std::string out = tclOutput([&] { c.print(std::string(10000, 'a').c_str()); });
     EXPECT_GT(out.size(), 3000u);
     EXPECT_LT(out.size(), 4097u);
