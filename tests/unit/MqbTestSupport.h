@@ -22,6 +22,7 @@
 
 namespace mqbtest {
 using namespace cdbtest;
+using namespace scsi;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
@@ -106,6 +107,12 @@ inline std::vector<uint64_t> reapAll(mqb::Queue& q, int n, int64_t timeoutNs = -
 
 // Our fixed-format sense of `key` and `a` (with INFORMATION when `info` >= 0).
 inline Bytes sense(uint8_t key, scsi::Asc a, int64_t info = -1) { return fixedSense(key, a.asc, a.ascq, info); }
+
+inline const Bytes kOutOfRange = sense(scsi::kKeyIllegalRequest, scsi::kLbaOutOfRange);
+inline const Bytes kBadOpcode = sense(scsi::kKeyIllegalRequest, scsi::kInvalidOpcode);
+
+// The sense a command that ended with `rc` left on `m`: empty unless `rc` is a CHECK CONDITION.
+inline Bytes senseOf(MQB& m, int rc) { return rc == MQB_ERR_CHECK ? lastSense(m) : Bytes{}; }
 
 // `n` bytes that differ from block to block and from seed to seed.
 inline Bytes pattern(size_t n, int seed) {

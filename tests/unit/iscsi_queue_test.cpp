@@ -15,7 +15,6 @@
 
 namespace {
 using namespace mqbtest;
-using namespace scsi;
 using mqb::Outcome;
 constexpr uint32_t kBs = 512;
 

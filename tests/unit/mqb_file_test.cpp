@@ -17,7 +17,6 @@
 
 namespace {
 using namespace mqbtest;
-using namespace scsi;
 constexpr int kBlocks = 4096, kDepth = 32, kTl = 8;
 
 int send(MQB& m, uint8_t op, uint32_t lba, uint16_t tl, uint32_t tag, const uint8_t* out = nullptr,
@@ -28,8 +27,8 @@ int roundTrip(MQB& m, uint8_t op, uint32_t lba, uint16_t tl, const uint8_t* out,
               uint8_t* in = nullptr, uint64_t inLen = 0, uint8_t byte1 = 0) {
     return cdbtest::roundTrip(m, record(op, lba, tl, 0, out, outLen, in, inLen, byte1));
 }
-const Bytes kOutOfRange = sense(kKeyIllegalRequest, kLbaOutOfRange);
 Bytes miscompareAt(int64_t lba) { return sense(kKeyMiscompare, kMiscompareVerify, lba); }
+Bytes mediumErrorAt(int64_t lba) { return sense(kKeyMedium, kUnrecoveredRead, lba); }
 // Pages of `path` in the page cache.
 size_t residentPages(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY);
@@ -122,10 +121,9 @@ TEST_F(FileDev, RangeErrorsComeFirstAndEofIsAMediumErrorAtItsLba) {
     }
     EXPECT_EQ(order[0], 2) << "answered without I/O, ahead of the transfers";
     ASSERT_EQ(ftruncate(fd, 16 * 512), 0);  // the device still says 4096 blocks
-    EXPECT_EQ(roundTrip(*m, kRead10, 100, kTl, nullptr, 0, buf.data(), buf.size()), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(*m), sense(kKeyMedium, kUnrecoveredRead, 100));
-    EXPECT_EQ(roundTrip(*m, kVerify10, 10, 20, nullptr, 0), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(*m), sense(kKeyMedium, kUnrecoveredRead, 16)) << "blocks 10-15 read, 16 is past the file's end";
+    EXPECT_EQ(senseOf(*m, roundTrip(*m, kRead10, 100, kTl, nullptr, 0, buf.data(), buf.size())), mediumErrorAt(100));
+    EXPECT_EQ(senseOf(*m, roundTrip(*m, kVerify10, 10, 20, nullptr, 0)), mediumErrorAt(16))
+        << "blocks 10-15 read, 16 is past the file's end";
 }
 
 TEST_F(FileDev, VerifyAndWriteVerifyCompareAndNameTheFirstDifferentLba) {
@@ -141,9 +139,9 @@ TEST_F(FileDev, VerifyAndWriteVerifyCompareAndNameTheFirstDifferentLba) {
     for (const size_t at : {size_t(0), size_t(5 * 512 + 17), size_t(2100 * 512 + 511)}) {
         Bytes bad(want);
         bad[at] ^= 0x40;
-        EXPECT_EQ(roundTrip(*m, kVerify10, 0, 3000, bad.data(), bad.size(), nullptr, 0, kBytchk), MQB_ERR_CHECK);
-        EXPECT_EQ(lastSense(*m), miscompareAt(int64_t(at / 512))) << at;
-        EXPECT_EQ(roundTrip(*m, kVerify10, 0, 3000, bad.data(), bad.size()), 0) << "no kBytchk: medium only";
+        EXPECT_EQ(senseOf(*m, roundTrip(*m, kVerify10, 0, 3000, bad.data(), bad.size(), nullptr, 0, kBytchk)),
+                  miscompareAt(int64_t(at / 512))) << at;
+        EXPECT_EQ(roundTrip(*m, kVerify10, 0, 3000, bad.data(), bad.size()), 0) << "no BYTCHK: medium only";
     }
 }
 
@@ -189,12 +187,11 @@ TEST(LoopDev, BlockDeviceGeometryDataAndCompare) {
         EXPECT_EQ(roundTrip(*d.m, kWrite10, 2044, 4, data.data(), data.size()), 0);
         EXPECT_EQ(roundTrip(*d.m, kRead10, 2044, 4, nullptr, 0, back.data(), back.size()), 0);
         EXPECT_EQ(back, data);
-        EXPECT_EQ(roundTrip(*d.m, kRead10, 2045, 4, nullptr, 0, back.data(), back.size()), MQB_ERR_CHECK);
-        EXPECT_EQ(lastSense(*d.m), kOutOfRange);
+        EXPECT_EQ(senseOf(*d.m, roundTrip(*d.m, kRead10, 2045, 4, nullptr, 0, back.data(), back.size())), kOutOfRange);
         Bytes bad(data);
         bad[2 * 4096 + 7] ^= 1;
-        EXPECT_EQ(roundTrip(*d.m, kVerify10, 2044, 4, bad.data(), bad.size(), nullptr, 0, kBytchk), MQB_ERR_CHECK);
-        EXPECT_EQ(lastSense(*d.m), miscompareAt(2046));
+        EXPECT_EQ(senseOf(*d.m, roundTrip(*d.m, kVerify10, 2044, 4, bad.data(), bad.size(), nullptr, 0, kBytchk)),
+                  miscompareAt(2046));
     }
     // The device table keeps its descriptor to the process's end; the kernel
     // detaches the loop device when that closes.

@@ -13,7 +13,6 @@
 
 namespace {
 using namespace mqbtest;
-using namespace scsi;
 struct Case { const char* what; uint8_t status, masked; uint16_t host, driver; uint8_t senseWr; int want; };
 
 TEST(SgMap, StatusHostAndDriverCodes) {
