@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <cstdio>
 #include <functional>
-#include "CDBStruct.h"
 #include "DataControl.h"
 #include "verify/DataChecker.h"
 #include "verify/KeyedBlock.h"
@@ -17,7 +16,6 @@
 
 namespace {
 using namespace mqbtest;
-using namespace scsi;
 constexpr int kBlocks = 1024, kBs = 512, kKeyed = 6;  // kKeyed: the keyed-block data mode
 
 int roundTrip(MQB& m, uint8_t op, uint32_t lba, uint16_t tl, Bytes* buf = nullptr) {
@@ -279,8 +277,7 @@ TEST(WriteJournal, MemoryFollowsTheBlocksWritten) {
             j->completeWrite(at, 64, 7);
         }
         const auto c = j->counts();
-        EXPECT_EQ(c.known, 192u) << path;
-        EXPECT_EQ(c.unknown, blocks - 192) << path;
+        EXPECT_EQ(std::make_pair(c.known, c.unknown), std::make_pair(uint64_t(192), blocks - 192)) << path;
         EXPECT_LE(c.residentBytes, uint64_t(1) << 20) << path;
     }
 }
@@ -310,9 +307,7 @@ TEST(WriteJournal, SavesSafelyAndRefusesWhatIsNotItsOwn) {
     auto k = journal(1 << 20, "file:/dev/a");
     uint64_t seq = 0;
     ASSERT_TRUE(k->load(f.path, seq, err)) << err;
-    EXPECT_EQ(seq, 99u);
-    EXPECT_EQ(k->get(12), 7u);
-    EXPECT_EQ(k->get(4096), 0u);
+    EXPECT_EQ(std::make_tuple(seq, int(k->get(12)), int(k->get(4096))), std::make_tuple(uint64_t(99), 7, 0));
 
     auto other = journal(1 << 20, "sim:store=1");
     EXPECT_FALSE(other->load(f.path, seq, err));
