@@ -63,7 +63,7 @@ bool openedDirect(const std::string& path) {
 struct FileDev : ::testing::Test {
     FileDevice d{kBlocks};
     MQB* m = d.dev.m.get();
-    const int fd = d.file.fd, idx = d.dev.idx;
+    const int fd = d.file.fd;
     const std::string& path = d.file.path;
 };
 }  // namespace
@@ -76,9 +76,7 @@ TEST_F(FileDev, KeepsTheQueueDepthAtTheDeviceAndMovesRealDataThroughAnyBuffer) {
         out[i] = pattern(kTl * 512 + 1, i);
         ASSERT_EQ(send(*m, kWrite10, uint32_t(i * 100), kTl, uint32_t(i + 1), out[i].data() + i % 2, kTl * 512), 0);
     }
-    mqb::DeviceStats st;
-    ASSERT_TRUE(mqb::stats(idx, st));
-    EXPECT_EQ(st.maxOutstanding, 0u) << "sent, not yet handed to the device";
+    EXPECT_EQ(d.dev.stats().maxOutstanding, 0u) << "sent, not yet handed to the device";
     for (const uint8_t op : {kWrite10, kRead10}) {
         for (int i = 0; op == kRead10 && i < kDepth; ++i)
             ASSERT_EQ(send(*m, op, uint32_t(i * 100), kTl, uint32_t(i + 1), nullptr, 0, in[i].data() + i % 2, kTl * 512), 0);
@@ -87,8 +85,7 @@ TEST_F(FileDev, KeepsTheQueueDepthAtTheDeviceAndMovesRealDataThroughAnyBuffer) {
         EXPECT_EQ(tags.size(), size_t(kDepth));
         EXPECT_EQ(m->receive(), MQB_ERR_NOTHING_OUT);
     }
-    ASSERT_TRUE(mqb::stats(idx, st));
-    EXPECT_EQ(st.maxOutstanding, uint64_t(kDepth));
+    EXPECT_EQ(d.dev.stats().maxOutstanding, uint64_t(kDepth));
     // Held until reaped, a synchronous queue would reach the same peak: the
     // depth is only real when the commands went through io_uring.
     const mqb::DeviceSummary sum = d.dev.summary();
