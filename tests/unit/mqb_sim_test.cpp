@@ -63,9 +63,8 @@ TEST_F(Sim, RangeChecksAtTheLastLbaAndInvalidOpcode) {
     for (uint8_t op : {kRead10, kWrite10, kWriteVerify10, kVerify10}) {
         EXPECT_EQ(roundTrip(m, record(op, 999, 1)), 0) << int(op);
         EXPECT_EQ(roundTrip(m, record(op, 999, 0)), 0) << int(op);  // TL 0 on the disk: no transfer
-        for (auto [lba, tl] : {std::pair<uint32_t, uint16_t>{999, 2}, {1000, 0}, {0xFFFFFFFF, 0xFFFF}}) {
+        for (auto [lba, tl] : {std::pair<uint32_t, uint16_t>{999, 2}, {1000, 0}, {0xFFFFFFFF, 0xFFFF}})
             EXPECT_EQ(senseOf(m, roundTrip(m, record(op, lba, tl))), kOutOfRange) << int(op) << " " << lba;
-        }
     }
     EXPECT_EQ(senseOf(m, roundTrip(m, record(kInquiry, 0, 0))), kBadOpcode);
 }
@@ -82,9 +81,8 @@ TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
     for (uint8_t op : {kRead10, kWrite10, kWriteVerify10, kVerify10}) {
         EXPECT_EQ(roundTrip(m, record16(op, last, 1)), 0) << int(op);
         EXPECT_EQ(roundTrip(m, record16(op, 0, 70000)), 0) << int(op);
-        for (auto [lba, tl] : {std::pair<uint64_t, uint32_t>{last, 2}, {last + 1, 0}, {~uint64_t{0}, 0xFFFFFFFF}}) {
+        for (auto [lba, tl] : {std::pair<uint64_t, uint32_t>{last, 2}, {last + 1, 0}, {~uint64_t{0}, 0xFFFFFFFF}})
             EXPECT_EQ(senseOf(m, roundTrip(m, record16(op, lba, tl))), kOutOfRange) << int(op) << " " << lba;
-        }
         CDBStruct shortCdb = record16(op, 0, 1);  // 16-byte opcode, 10-byte CDB
         shortCdb.cdbLen = 10;
         EXPECT_EQ(senseOf(m, roundTrip(m, shortCdb)), kBadOpcode);
