@@ -247,14 +247,14 @@ void KIVControl::setLbaRange(double min, double max) {
 
 // Stores the transfer-length bounds, raising each to at least one block.
 void KIVControl::setTLRange(int min, int max) {
-    if (min < 1) {
-        print("KIV: <W> min_tl < 1! setting to 1");
-        min = 1;
-    }
-    if (max < 1) {
-        print("KIV: <W> max_tl < 1! setting to 1");
-        max = 1;
-    }
+    auto atLeastOne = [this](int& tl, const char* warning) {
+        if (tl < 1) {
+            print(warning);
+            tl = 1;
+        }
+    };
+    atLeastOne(min, "KIV: <W> min_tl < 1! setting to 1");
+    atLeastOne(max, "KIV: <W> max_tl < 1! setting to 1");
     minTL = min;
     maxTL = max;
 }

@@ -73,20 +73,11 @@ void KIVControl::outputParms() {
     }
 
     print("Test Command:");
-    if (readPct != 0) {
-        snprintf(line, sizeof line, " %d%% Read10", readPct);
-        print(line);
-    }
-    if (writePct != 0) {
-        snprintf(line, sizeof line, " %d%% Write10", writePct);
-        print(line);
-    }
-    if (wrvPct != 0) {
-        snprintf(line, sizeof line, " %d%% WriteAndVerify10", wrvPct);
-        print(line);
-    }
-    if (verifyPct != 0) {
-        snprintf(line, sizeof line, " %d%% Verify", verifyPct);
+    const struct { int pct; const char* name; } mix[] = {
+        {readPct, "Read10"}, {writePct, "Write10"}, {wrvPct, "WriteAndVerify10"}, {verifyPct, "Verify"}};
+    for (const auto& m : mix) {
+        if (m.pct == 0) continue;
+        snprintf(line, sizeof line, " %d%% %s", m.pct, m.name);
         print(line);
     }
 

@@ -269,28 +269,20 @@ void KIVControl::initLoop() {
     statLogWriteErr = 0;
     errLogWriteErr = 0;
     errStatWriteErr = 0;
-    if (statLogfileName) {
-        statLogfile = openRunFile(statLogfileName, statAppend);
-        if (!statLogfile) {
-            print("KIV: <E> Could not open stat logfile for writing");
-            free(statLogfileName);
-            statLogfileName = nullptr;
-        }
-    }
-    if (errLogfileName) {
-        errLogfile = openRunFile(errLogfileName, errorAppend);
-        if (!errLogfile) {
-            print("KIV: <E> Could not open error logfile for writing");
-            free(errLogfileName);
-            errLogfileName = nullptr;
-        }
-    }
-    if (errStatFileName) {
-        errStatFile = openRunFile(errStatFileName, false);
-        if (!errStatFile) {
-            print("KIV: <E> Could not open error stat file for writing");
-            free(errStatFileName);
-            errStatFileName = nullptr;
+    // A file that cannot be opened is said once and dropped for this run.
+    const struct { char*& name; FILE*& file; bool append; const char* what; } logs[] = {
+        {statLogfileName, statLogfile, statAppend, "stat logfile"},
+        {errLogfileName, errLogfile, errorAppend, "error logfile"},
+        {errStatFileName, errStatFile, false, "error stat file"}};
+    for (const auto& log : logs) {
+        if (!log.name) continue;
+        log.file = openRunFile(log.name, log.append);
+        if (!log.file) {
+            char msg[64];
+            snprintf(msg, sizeof msg, "KIV: <E> Could not open %s for writing", log.what);
+            print(msg);
+            free(log.name);
+            log.name = nullptr;
         }
     }
     if (statHeader) {

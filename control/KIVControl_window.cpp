@@ -188,18 +188,13 @@ int KIVControl::addErrWidget(char* key) {
     tclEval(interp, buff);
     tclEval(interp, "update idletasks");
 
-    tclEval(interp, "winfo reqwidth .kivstat.frame.cframe.canvas.frame");
-    int reqW = resultInt(interp);
-    tclEval(interp, "winfo reqheight .kivstat.frame.cframe.canvas.frame");
-    int reqH = resultInt(interp);
-    tclEval(interp, "winfo screenwidth .kivstat");
-    int screenW = resultInt(interp);
-    tclEval(interp, "winfo screenheight .kivstat");
-    int screenH = resultInt(interp);
-    tclEval(interp, "winfo rootx .kivstat");
-    int rootX = resultInt(interp);
-    tclEval(interp, "winfo rooty .kivstat");
-    int rootY = resultInt(interp);
+    auto query = [&](const char* script) { tclEval(interp, script); return resultInt(interp); };
+    int reqW = query("winfo reqwidth .kivstat.frame.cframe.canvas.frame");
+    int reqH = query("winfo reqheight .kivstat.frame.cframe.canvas.frame");
+    int screenW = query("winfo screenwidth .kivstat");
+    int screenH = query("winfo screenheight .kivstat");
+    int rootX = query("winfo rootx .kivstat");
+    int rootY = query("winfo rooty .kivstat");
 
     // Unlike setupWindow, the scroll region here takes the enlarged size.
     snprintf(buff, sizeof(buff),

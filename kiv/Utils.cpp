@@ -76,50 +76,29 @@ int atoiDecNeg(T& out, const char* text) {
     return flags | signFlag;
 }
 
-// Hexadecimal digits (either case). Flag 1 when a shift would push set bits out.
+// Digits of a power-of-two radix of `bits` bits each (hexDigit's value below
+// 1 << bits). Flag 1 when a shift would push set bits out.
 template <typename T>
-int atoiHex(T& out, const char* text) {
-    static const T high_bits_mask = (T)((T)0xF << (sizeof(T) * 8 - 4));
+static int atoiShift(T& out, const char* text, int bits) {
+    const T high_bits_mask = (T)((T)((1 << bits) - 1) << (sizeof(T) * 8 - bits));
     int flags = 0;
     out = 0;
     for (int i = 0; text[i] != '\0'; ++i) {
         int d = hexDigit(text[i]);
-        if (d < 0) return flags | GETINT_FORMAT;
+        if (d < 0 || d >= (1 << bits)) return flags | GETINT_FORMAT;
         if (out & high_bits_mask) flags |= GETINT_OVERFLOW;
-        out = (T)((T)(out << 4) | (T)d);
+        out = (T)((T)(out << bits) | (T)d);
     }
     return flags;
 }
 
-// Octal digits 0-7. Flag 1 when a shift would push set bits out.
+// Hexadecimal digits (either case), octal digits 0-7 and binary digits.
 template <typename T>
-int atoiOctal(T& out, const char* text) {
-    static const T high_bits_mask = (T)((T)0x7 << (sizeof(T) * 8 - 3));
-    int flags = 0;
-    out = 0;
-    for (int i = 0; text[i] != '\0'; ++i) {
-        char c = text[i];
-        if (c < '0' || c > '7') return flags | GETINT_FORMAT;
-        if (i > 0 && (out & high_bits_mask)) flags |= GETINT_OVERFLOW;
-        out = (T)((T)(out << 3) | (T)(c - '0'));
-    }
-    return flags;
-}
-
-// Binary digits. Flag 1 when a shift would push the top bit out.
+int atoiHex(T& out, const char* text) { return atoiShift(out, text, 4); }
 template <typename T>
-int atoiBin(T& out, const char* text) {
-    static const T high_bit_mask = (T)((T)1 << (sizeof(T) * 8 - 1));
-    int flags = 0;
-    out = 0;
-    for (int i = 0; text[i] != '\0'; ++i) {
-        char c = text[i];
-        if (c != '0' && c != '1') return flags | GETINT_FORMAT;
-        if (i > 0 && (out & high_bit_mask)) flags |= GETINT_OVERFLOW;
-        out = (T)((T)(out << 1) | (T)(c - '0'));
-    }
-    return flags;
-}
+int atoiOctal(T& out, const char* text) { return atoiShift(out, text, 3); }
+template <typename T>
+int atoiBin(T& out, const char* text) { return atoiShift(out, text, 1); }
 
 // The number in `text` by its prefix ("$"/"0x" hex, "0b" binary, "0" octal,
 // "-" negative, else decimal), with getInt's flags; no keywords, no messages.

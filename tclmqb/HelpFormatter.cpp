@@ -117,14 +117,14 @@ int cmdHelpLong(Tcl_Interp* interp, const char* name, const char* usage,
         return TCL_OK;
     }
 
-    if (usage && *usage) {
-        out += "\nUSAGE\n";
-        appendLines(out, usage);
-    }
-    if (description && *description) {
-        out += "\nDESCRIPTION\n";
-        appendWrapped(out, description);
-    }
+    // A section appears only when it has text; `append` lays its text out.
+    auto section = [&out](const char* title, const char* text, void (*append)(std::string&, const char*)) {
+        if (!text || !*text) return;
+        out += std::string("\n") + title + "\n";
+        append(out, text);
+    };
+    section("USAGE", usage, appendLines);
+    section("DESCRIPTION", description, appendWrapped);
     if (!rows.empty()) {
         size_t col = kMinOptCol;
         for (const auto& r : rows) col = std::max(col, r.first.size() + 2);
@@ -139,14 +139,8 @@ int cmdHelpLong(Tcl_Interp* interp, const char* name, const char* usage,
             out += "\n";
         }
     }
-    if (notes && *notes) {
-        out += "\nNOTES\n";
-        appendWrapped(out, notes);
-    }
-    if (examples && *examples) {
-        out += "\nEXAMPLES\n";
-        appendLines(out, examples);
-    }
+    section("NOTES", notes, appendWrapped);
+    section("EXAMPLES", examples, appendLines);
     Tcl_SetObjResult(interp, Tcl_NewStringObj(out.c_str(), (int)out.size()));
     return TCL_OK;
 }

@@ -37,5 +37,15 @@ bool number(const std::string& key, const std::string& text, uint64_t lo, uint64
     return true;
 }
 
+bool takeTrailingOption(std::string& text, const std::string& key, uint64_t lo, uint64_t hi,
+                        uint64_t& out, std::string& err) {
+    const std::string tag = "," + key + "=";
+    const size_t at = text.rfind(tag);
+    if (at == std::string::npos) return true;
+    if (!number(key, text.substr(at + tag.size()), lo, hi, out, err)) return false;
+    text.resize(at);
+    return true;
+}
+
 }  // namespace devtext
 }  // namespace mqb

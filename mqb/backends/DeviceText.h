@@ -24,6 +24,12 @@ std::string badValue(const std::string& key, const std::string& text);
 bool number(const std::string& key, const std::string& text, uint64_t lo, uint64_t hi,
             uint64_t& out, std::string& err);
 
+// When `text` (a path with options) ends in ",KEY=VALUE", reads VALUE as
+// number() does, sets `out` and cuts the option off `text`; leaves both as
+// they are when there is no such option. False only on a bad value.
+bool takeTrailingOption(std::string& text, const std::string& key, uint64_t lo, uint64_t hi,
+                        uint64_t& out, std::string& err);
+
 // Calls f(key, value) for each non-empty item of `params` split at `sep`;
 // f returns false (having set `err`) to stop. False with notKeyValue in
 // `err` for an item without '='.

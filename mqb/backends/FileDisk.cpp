@@ -33,14 +33,9 @@ bool probeDirect(int fd, uint32_t align) {
 
 std::unique_ptr<Backend> FileDisk::open(const std::string& params, std::string& err) {
     std::string path = params;
-    bool wantDirect = true;
-    const size_t opt = path.rfind(",direct=");
-    if (opt != std::string::npos) {
-        uint64_t v = 0;
-        if (!devtext::number("direct", path.substr(opt + 8), 0, 1, v, err)) return nullptr;
-        wantDirect = v == 1;
-        path.resize(opt);
-    }
+    uint64_t direct = 1;
+    if (!devtext::takeTrailingOption(path, "direct", 0, 1, direct, err)) return nullptr;
+    const bool wantDirect = direct == 1;
     if (path.empty()) {
         err = "file device needs a path";
         return nullptr;

@@ -51,17 +51,12 @@ void SgDisk::passThrough(int fd, const uint8_t* cdb, uint8_t cdbLen, int dir, vo
 
 std::unique_ptr<Backend> SgDisk::open(const std::string& params, std::string& err) {
     std::string path = params;
-    unsigned timeoutMs = kTimeoutMs;
-    const size_t opt = path.rfind(",timeout=");
-    if (opt != std::string::npos) {
-        uint64_t sec = 0;
-        if (!devtext::number("timeout", path.substr(opt + 9), 1, 3600, sec, err)) {
-            err += " (1 to 3600 seconds)";
-            return nullptr;
-        }
-        timeoutMs = unsigned(sec) * 1000;
-        path.resize(opt);
+    uint64_t timeoutSec = kTimeoutMs / 1000;
+    if (!devtext::takeTrailingOption(path, "timeout", 1, 3600, timeoutSec, err)) {
+        err += " (1 to 3600 seconds)";
+        return nullptr;
     }
+    const unsigned timeoutMs = unsigned(timeoutSec) * 1000;
     if (path.empty()) {
         err = "sg device needs a path";
         return nullptr;

@@ -156,4 +156,15 @@ private:
 // process (clearAllDevices retires them without freeing).
 Device* deviceAt(int idx);
 
+// deviceAt, setting `err` to "no device IDX" when there is none.
+Device* deviceAt(int idx, std::string& err);
+
+// Runs `f` on device idx; false when there is no such device.
+template <typename F>
+bool withDevice(int idx, F&& f) {
+    Device* d = deviceAt(idx);
+    if (d) f(*d);
+    return d != nullptr;
+}
+
 }  // namespace mqb

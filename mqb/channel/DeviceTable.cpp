@@ -116,6 +116,12 @@ Device* deviceAt(int idx) {
     return t.devices[size_t(idx)].get();
 }
 
+Device* deviceAt(int idx, std::string& err) {
+    Device* d = deviceAt(idx);
+    if (!d) err = "no device " + std::to_string(idx);
+    return d;
+}
+
 int addDevice(const std::string& deviceText, std::string& err) {
     CommonKeys keys;
     std::unique_ptr<Backend> be = makeBackend(deviceText, keys, err);
@@ -164,18 +170,12 @@ bool deviceSummary(int idx, DeviceSummary& out) {
 }
 
 bool setLocked(int idx, bool locked) {
-    Device* d = deviceAt(idx);
-    if (!d) return false;
-    d->setLocked(locked);
-    return true;
+    return withDevice(idx, [&](Device& d) { d.setLocked(locked); });
 }
 
 int addFault(int idx, const FaultRule& rule, std::string& err) {
-    Device* d = deviceAt(idx);
-    if (!d) {
-        err = "no device " + std::to_string(idx);
-        return -1;
-    }
+    Device* d = deviceAt(idx, err);
+    if (!d) return -1;
     if (rule.every == 0) {
         err = "fault rule \"every\" must be at least 1";
         return -1;
@@ -196,51 +196,35 @@ int addFault(int idx, const FaultRule& rule, std::string& err) {
 }
 
 bool clearFaults(int idx) {
-    Device* d = deviceAt(idx);
-    if (d) d->clearFaults();
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.clearFaults(); });
 }
 
 bool listFaults(int idx, std::vector<FaultRule>& out) {
-    Device* d = deviceAt(idx);
-    if (d) d->listFaults(out);
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.listFaults(out); });
 }
 
 bool stats(int idx, DeviceStats& out) {
-    Device* d = deviceAt(idx);
-    if (d) d->stats(out);
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.stats(out); });
 }
 
 bool traceStart(int idx, uint64_t limit) {
-    Device* d = deviceAt(idx);
-    if (d) d->traceStart(limit);
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.traceStart(limit); });
 }
 
 bool traceStop(int idx) {
-    Device* d = deviceAt(idx);
-    if (d) d->traceStop();
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.traceStop(); });
 }
 
 bool traceGet(int idx, std::vector<TraceEntry>& out) {
-    Device* d = deviceAt(idx);
-    if (d) d->traceGet(out);
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.traceGet(out); });
 }
 
 bool traceClear(int idx) {
-    Device* d = deviceAt(idx);
-    if (d) d->traceClear();
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.traceClear(); });
 }
 
 bool reset(int idx) {
-    Device* d = deviceAt(idx);
-    if (d) d->reset();
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.reset(); });
 }
 
 void clearAllDevices() {

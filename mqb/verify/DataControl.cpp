@@ -45,47 +45,32 @@ bool latencyBuckets(int idx, int kind, std::vector<LatencyBucket>& out) {
 }
 
 bool latencyReset(int idx) {
-    Device* d = deviceAt(idx);
-    if (d) d->data().resetLatency();
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.data().resetLatency(); });
 }
 
 bool latencyEnable(int idx, bool on) {
-    Device* d = deviceAt(idx);
-    if (d) d->data().setLatencyOn(on);
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { d.data().setLatencyOn(on); });
 }
 
 bool latencyEnabled(int idx, bool& on) {
-    Device* d = deviceAt(idx);
-    if (d) on = d->data().latencyOn();
-    return d != nullptr;
+    return withDevice(idx, [&](Device& d) { on = d.data().latencyOn(); });
 }
 
 bool journalSave(int idx, const std::string& path, std::string& err) {
-    Device* d = deviceAt(idx);
-    if (!d) {
-        err = "no device " + std::to_string(idx);
-        return false;
-    }
+    Device* d = deviceAt(idx, err);
+    if (!d) return false;
     return d->data().saveJournal(path, d->backend().geometry(), err);
 }
 
 bool journalLoad(int idx, const std::string& path, std::string& err) {
-    Device* d = deviceAt(idx);
-    if (!d) {
-        err = "no device " + std::to_string(idx);
-        return false;
-    }
+    Device* d = deviceAt(idx, err);
+    if (!d) return false;
     return d->data().loadJournal(path, d->backend().geometry(), err);
 }
 
 bool journalInfo(int idx, JournalInfo& out, std::string& err) {
-    Device* d = deviceAt(idx);
-    if (!d) {
-        err = "no device " + std::to_string(idx);
-        return false;
-    }
+    Device* d = deviceAt(idx, err);
+    if (!d) return false;
     WriteJournal::Counts c;
     if (!d->data().journalCounts(c, out.file, err)) return false;
     out.known = c.known, out.ambiguous = c.ambiguous, out.inDoubt = c.inDoubt, out.unknown = c.unknown;
