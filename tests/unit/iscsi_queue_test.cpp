@@ -43,7 +43,7 @@ public:
         rmdir(dir_.c_str());
     }
     bool up() const { return !url_.empty(); }
-    // The LUN's spec, with `suffix` ("?timeout=2") appended.
+    // The LUN's device text, with `suffix` ("?timeout=2") appended.
     std::string url(const std::string& suffix = "") const { return url_ + suffix; }
     void kill() { run("kill"); }
     void pause() { run("pause"); }
@@ -76,7 +76,7 @@ uint32_t kcq(const Outcome& o) {
 }
 }  // namespace
 
-TEST(IscsiSpec, AcceptsHostPortTargetLunAndTimeout) {
+TEST(IscsiText, AcceptsHostPortTargetLunAndTimeout) {
     mqb::IscsiTarget t;
     std::string err;
     ASSERT_TRUE(mqb::parseIscsiText("iscsi://10.1.2.3/iqn.2001-04.com.example:disk/0", t, err)) << err;
@@ -111,10 +111,10 @@ TEST(IscsiText, RefusesMalformedTextsWithAReason) {
 }
 
 TEST(IscsiOpen, UnreachableTargetFailsAtOnceWithTheTransportMessage) {
-    const std::string spec = "iscsi://127.0.0.1:" + std::to_string(freePort()) + "/iqn.none/1";
+    const std::string text = "iscsi://127.0.0.1:" + std::to_string(freePort()) + "/iqn.none/1";
     std::string err;
     const auto t0 = Clock::now();
-    auto disk = mqb::IscsiDisk::open(spec, err);
+    auto disk = mqb::IscsiDisk::open(text, err);
     EXPECT_EQ(disk, nullptr);
 #if MQB_TEST_NO_ISCSI
     EXPECT_NE(err.find("no libiscsi"), std::string::npos) << err;

@@ -43,8 +43,8 @@ struct Sim : ::testing::Test {
 };
 }  // namespace
 
-TEST(SimSpec, BadSpecsAreRefusedWithTheirMessage) {
-    const struct { const char* spec; const char* err; } bad[] = {
+TEST(DeviceText, BadTextsAreRefusedWithTheirMessage) {
+    const struct { const char* text; const char* err; } bad[] = {
         {"sim:foo=1", "unknown device text key \"foo\""}, {"sim:store", "device text item \"store\" is not key=value"},
         {"sim:blocks=12x", "bad value \"12x\" for device text key \"blocks\""}, {"disk", "unknown device type \"disk\""},
         {"file:/dev/null", "\"/dev/null\" is smaller than one block"}, {"", "empty device text"},
@@ -54,7 +54,7 @@ TEST(SimSpec, BadSpecsAreRefusedWithTheirMessage) {
     };
     for (const auto& b : bad) {
         std::string err;
-        EXPECT_EQ(mqb::addDevice(b.spec, err), -1) << b.spec;
+        EXPECT_EQ(mqb::addDevice(b.text, err), -1) << b.text;
         EXPECT_EQ(err, b.err);
     }
 }
