@@ -1,7 +1,8 @@
 // MqbTestSupport.h: what the device library's tests share: files that go with
-// a test, a device added from its device text with a channel on it, commands
-// for a backend's queue, and reaping them. The channel's commands and their
-// sense are built by cdbtest (TestSupport.h).
+// a test, a device added from its device text with a channel on it, the data
+// mode, commands for a backend's queue and reaping them, our sense answers,
+// and data patterns. The channel's command records and the sense a channel
+// hands back come from cdbtest (TestSupport.h).
 #pragma once
 #include <gtest/gtest.h>
 #include <fcntl.h>
@@ -108,6 +109,7 @@ inline std::vector<uint64_t> reapAll(mqb::Queue& q, int n, int64_t timeoutNs = -
 // Our fixed-format sense of `key` and `a` (with INFORMATION when `info` >= 0).
 inline Bytes sense(uint8_t key, scsi::Asc a, int64_t info = -1) { return fixedSense(key, a.asc, a.ascq, info); }
 
+// The answers to a block past the disk's end and to an opcode it does not know.
 inline const Bytes kOutOfRange = sense(scsi::kKeyIllegalRequest, scsi::kLbaOutOfRange);
 inline const Bytes kBadOpcode = sense(scsi::kKeyIllegalRequest, scsi::kInvalidOpcode);
 
