@@ -1,5 +1,4 @@
 // mqb_sim_test.cpp: MQB channels on simulated disks.
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -71,13 +70,13 @@ TEST_F(Sim, RangeChecksAtTheLastLbaAndInvalidOpcode) {
 
 // READ(16), WRITE(16), WRITE AND VERIFY(16) and VERIFY(16) on a 2^36-block
 // disk: the range checked with 64-bit LBAs and 32-bit lengths, a 16-byte
-// opcode in a 10-byte CDB unknown, the trace showing what was sent, and a
-// fault's INFORMATION above 32 bits in descriptor sense (72h) with the UEC.
+// opcode in a 10-byte CDB unknown, counted by kind, and a fault's INFORMATION
+// above 32 bits in descriptor sense (72h) with the UEC. What kiv sends there
+// and how it shows the sense are in tests/tcl/drives.test.
 TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
     Dev r("sim:blocks=68719476736");
     MQB& m = *r.m;
     const uint64_t last = (uint64_t{1} << 36) - 1;
-    ASSERT_TRUE(mqb::traceStart(r.idx, 0));
     for (uint8_t op : {kRead10, kWrite10, kWriteVerify10, kVerify10}) {
         EXPECT_EQ(roundTrip(m, record16(op, last, 1)), 0) << int(op);
         EXPECT_EQ(roundTrip(m, record16(op, 0, 70000)), 0) << int(op);
@@ -87,10 +86,6 @@ TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
         shortCdb.cdbLen = 10;
         EXPECT_EQ(senseOf(m, roundTrip(m, shortCdb)), kBadOpcode);
     }
-    std::vector<mqb::TraceEntry> t;
-    ASSERT_TRUE(mqb::traceGet(r.idx, t));
-    EXPECT_EQ(std::make_tuple(int(t[0].opcode), t[0].lba, t[1].tl, int(t[6].opcode)),
-              std::make_tuple(kRead16, last, 70000u, kWrite16));
     auto s = r.stats();
     EXPECT_EQ(std::make_tuple(s.reads, s.writes, s.wrvs, s.verifies, s.other, s.blocksRead),
               std::make_tuple(5u, 5u, 5u, 5u, 4u, uint64_t{70003} + 0xFFFFFFFFu))
@@ -100,28 +95,11 @@ TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
     Rule f = rule(Rule::Kind::Check, Rule::Op::Read, high, high);
     f.key = kKeyMedium, f.asc = kUnrecoveredRead.asc, f.hasUec = true, f.uec = 0x1234, f.info = true;
     r.fault(f);
-    Rule low = f;
-    low.lbaLo = low.lbaHi = 9;
-    r.fault(low);
     ASSERT_EQ(roundTrip(m, record16(kRead10, high - 3, 8)), MQB_ERR_CHECK);
     // 72h, 03/11/00, 24 more bytes: INFORMATION (VALID) and our UEC descriptor.
     Bytes want{0x72, 0x03, 0x11, 0, 0, 0, 0, 24, 0x00, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0x0A, 0x12, 0x34};
     want.resize(32), putBe64(&want[12], high);
-    const Bytes got = lastSense(m);
-    EXPECT_EQ(got, want);
-    unsigned char info[8], v = 0;
-    unsigned short uec = 0;
-    SenseParser::getInformationBytes(got.data(), info, int(got.size()));
-    EXPECT_EQ(std::make_tuple(scsi::be64(info), SenseParser::getValidBit(got.data(), &v, 32),
-                              SenseParser::getUec(got.data(), &uec, 32)),
-              std::make_tuple(high, 1, 0x1234));
-    ASSERT_EQ(roundTrip(m, record(kRead10, 9, 1)), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(m)[0], 0xF0) << "fixed format while the LBA fits 32 bits";
-
-    Dev forced("sim:blocks=10,cdb=16");
-    DeviceInfo di;
-    forced.m->getDeviceInfo(&di);
-    EXPECT_EQ(std::make_pair(di.cdbForm, di.capacity), std::make_pair(16, uint64_t{9}));
+    EXPECT_EQ(lastSense(m), want);
 }
 
 TEST(SimSbc, ReadCapacityWithLazyAndZeroBlockSize) {
@@ -381,20 +359,4 @@ TEST_F(Sim, DelayFaultHoldsTheCompletionBackInTheChannel) {
     const auto t1 = Clock::now();
     EXPECT_EQ(roundTrip(m, record(kRead10, 5, 1)), 0);
     EXPECT_LT(Clock::now() - t1, milliseconds(50)) << "no rule: no delay";
-}
-
-// A 1 ms disk at depth 1: every completion comes at or after its due time,
-// and the median within three times it (a coarse timer or a poll that sleeps
-// whole ticks would miss that; a loaded machine does not).
-TEST(SimQueueLatency, OneMillisecondReadsAreNeverEarlyAndRarelyLate) {
-    Dev r("sim:blocks=100,latency=1000");
-    std::vector<int64_t> us;
-    for (int i = 0; i < 200; ++i) {
-        const auto t0 = Clock::now();
-        ASSERT_EQ(roundTrip(*r.m, record(kRead10, uint32_t(i % 100), 1)), 0);
-        us.push_back(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count());
-    }
-    std::sort(us.begin(), us.end());
-    EXPECT_GE(us.front(), 1000);
-    EXPECT_LE(us[us.size() / 2], 3000) << "median";
 }
