@@ -1,8 +1,9 @@
 // mqb_file_test.cpp: file and block devices: the queue depth really in flight,
 // data through O_DIRECT and past the page cache, unaligned buffers, read-back
 // and compare with the LBA of the first difference, medium errors, a loop
-// block device at its own block size, a device loop run on a file, and a
-// queue another thread takes over.
+// block device at its own block size, and a queue another thread takes over.
+// A kiv run on a file device at depth, with and without direct I/O, is in
+// tests/tcl/run.test.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -12,7 +13,6 @@
 #include <set>
 #include "backends/FileDisk.h"
 #include "backends/FileQueue.h"
-#include "loop_harness.h"
 #include "MqbTestSupport.h"
 
 namespace {
@@ -146,22 +146,12 @@ TEST(FileDirect, DirectIoBypassesThePageCacheUnlessTurnedOff) {
     Bytes data = pattern(64 * 512, 9), back(64 * 512);
     for (const bool direct : {true, false}) {
         FileDevice d(kBlocks, direct ? "" : ",direct=0");
-        EXPECT_EQ(d.dev.summary().direct, direct);
         EXPECT_EQ(openedDirect(d.file.path), direct);
         posix_fadvise(d.file.fd, 0, 0, POSIX_FADV_DONTNEED);
         ASSERT_EQ(roundTrip(d.m, kWrite10, 256, 64, data.data(), data.size()), 0);
         ASSERT_EQ(roundTrip(d.m, kRead10, 1024, 64, nullptr, 0, back.data(), back.size()), 0);
         EXPECT_EQ(residentPages(d.file.path) == 0, direct) << residentPages(d.file.path) << " pages cached";
     }
-}
-
-TEST_F(FileDev, ALoopRunAtDepth32KeepsThirtyTwoAtTheDevice) {
-    SimRig rig("file:" + path);
-    auto l = makeLoop(rig, LoopCfg().type(0).tl(1, 16).mix(50, 30, 10, 10).depth(32, 2000));
-    capture([&] { l->run(); });
-    const mqb::DeviceStats s = rig.stats();
-    EXPECT_EQ(std::make_tuple(s.commands, s.errors, s.maxOutstanding, l->errCount.load()),
-              std::make_tuple(uint64_t(1999), uint64_t(0), uint64_t(32), 0));
 }
 
 // A loop block device of 4096-byte sectors over a file: the device takes its
