@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <cstdio>
-#include <functional>
 #include "DataControl.h"
 #include "verify/DataChecker.h"
 #include "verify/KeyedBlock.h"
@@ -51,37 +50,28 @@ void misdirect(MQB& m, uint32_t from, uint32_t to) {
 }
 }  // namespace
 
-// Each damage done to the file after a keyed write pass is reported as a
-// MISCOMPARE at the damaged LBA by READ and by VERIFY; untouched ranges pass.
-TEST_F(KeyedFile, EveryKindOfDamageIsAMiscompareAtItsLba) {
+// Damage done to the file after a keyed write pass is reported as a
+// MISCOMPARE at the damaged LBA by READ and by VERIFY, the READ's caller still
+// gets the data, and untouched ranges pass. Stale, zeroed, torn and misplaced
+// blocks are each caught at their LBA by kiv runs in tests/tcl (data-4.2,
+// drives-2.1); here a torn block through both commands.
+TEST_F(KeyedFile, DamageIsAMiscompareAtItsLbaForReadAndVerify) {
     for (uint32_t lba = 0; lba < 128; lba += 8) write(lba, 8);
     EXPECT_NE(block(3), Bytes(kBs, 0xAB)) << "keyed data went out, not the caller's buffer";
-    const Bytes stale = block(30);
-    write(24, 8);                    // block 30 now holds a newer sequence
-    const struct { const char* what; uint32_t at; std::function<void()> damage; } cases[] = {
-        {"nothing", 0, [] {}},
-        {"zeroed block", 10, [&] { put(10, Bytes(kBs, 0)); }},
-        {"misdirected write", 21, [&] { put(21, block(20)); }},
-        {"lost write", 30, [&] { put(30, stale); }},
-        {"torn write", 45, [&] { Bytes b = block(45); b[300] ^= 1; put(45, b); }},
-    };
-    long expectMiscompares = 0;
-    for (const auto& k : cases) {
-        k.damage();
-        const uint32_t first = k.at / 8 * 8;
-        Bytes in(8 * kBs, 0);
-        EXPECT_EQ(judged(m, roundTrip(m, kRead10, first, 8, &in)), long(k.at)) << k.what << ": READ";
-        EXPECT_EQ(judged(m, roundTrip(m, kVerify10, first, 8)), long(k.at)) << k.what << ": VERIFY";
-        EXPECT_EQ(Bytes(in.begin(), in.begin() + kBs), block(first)) << k.what << ": the caller still gets the data";
-        if (k.at) expectMiscompares += 2;
-    }
+    EXPECT_EQ(judged(m, roundTrip(m, kVerify10, 0, 128)), 0) << "untouched";
+    Bytes torn = block(45), in(8 * kBs, 0);
+    torn[300] ^= 1;
+    put(45, torn);
+    EXPECT_EQ(judged(m, roundTrip(m, kRead10, 40, 8, &in)), 45) << "READ";
+    EXPECT_EQ(judged(m, roundTrip(m, kVerify10, 40, 8)), 45) << "VERIFY";
+    EXPECT_EQ(Bytes(in.begin() + 5 * kBs, in.begin() + 6 * kBs), torn) << "the caller still gets the data";
     const mqb::DeviceStats s = f.dev.stats();
-    EXPECT_EQ(std::pair(long(s.miscompares), long(s.errors)), std::pair(expectMiscompares, expectMiscompares));
+    EXPECT_EQ(std::pair(s.miscompares, s.errors), std::pair(uint64_t(2), uint64_t(2)));
 
     // Rewriting a damaged range makes it good again; WRITE AND VERIFY checks
     // its own read-back; a plain (unkeyed) write leaves nothing to judge.
-    write(8, 8, kWriteVerify10);
-    EXPECT_EQ(roundTrip(m, kRead10, 8, 8), 0);
+    write(40, 8, kWriteVerify10);
+    EXPECT_EQ(roundTrip(m, kRead10, 40, 8), 0);
     ASSERT_EQ(setDataMode(m, 3), 0);
     write(40, 8);
     EXPECT_NE(block(41), Bytes(kBs, 0xAB)) << "generated data, full length";
@@ -257,9 +247,9 @@ TEST(WriteJournal, InDoubtPassesOldOrNewOnly) {
     EXPECT_EQ(c.known, 10u); EXPECT_EQ(c.inDoubt, 4u); EXPECT_EQ(c.unknown, 86u);
 }
 
-// The journal of a huge device takes memory for the blocks written only,
-// in memory and in its file. (ThreadSanitizer leaves no room for a 2 TiB
-// mapping: a smaller huge device there.)
+// The journal file of a huge device takes memory for the blocks written only
+// (the journal in memory: data-4.3 in tests/tcl). ThreadSanitizer leaves no
+// room for a 2 TiB mapping: a smaller huge device there.
 TEST(WriteJournal, MemoryFollowsTheBlocksWritten) {
 #if defined(__SANITIZE_THREAD__)
     const uint64_t blocks = uint64_t(1) << 34;
@@ -267,17 +257,15 @@ TEST(WriteJournal, MemoryFollowsTheBlocksWritten) {
     const uint64_t blocks = uint64_t(1) << 40;
 #endif
     TempFile f;  // empty: a new journal
-    for (const std::string& path : {std::string(), f.path}) {
-        auto j = journal(blocks, "sim:store=1", path);
-        ASSERT_TRUE(j);
-        for (uint64_t at : {uint64_t(0), blocks / 3, blocks - 64}) {
-            j->beginWrite(at, 64, 7);
-            j->completeWrite(at, 64, 7);
-        }
-        const auto c = j->counts();
-        EXPECT_EQ(std::make_pair(c.known, c.unknown), std::make_pair(uint64_t(192), blocks - 192)) << path;
-        EXPECT_LE(c.residentBytes, uint64_t(1) << 20) << path;
+    auto j = journal(blocks, "sim:store=1", f.path);
+    ASSERT_TRUE(j);
+    for (uint64_t at : {uint64_t(0), blocks / 3, blocks - 64}) {
+        j->beginWrite(at, 64, 7);
+        j->completeWrite(at, 64, 7);
     }
+    const auto c = j->counts();
+    EXPECT_EQ(std::make_pair(c.known, c.unknown), std::make_pair(uint64_t(192), blocks - 192));
+    EXPECT_LE(c.residentBytes, uint64_t(1) << 20);
 }
 
 // The file forms: a save over a good journal that is cut short (a file size
