@@ -30,7 +30,6 @@ CDBStruct record16(uint8_t op10, uint64_t lba, uint32_t tl) {
     c.cdbLen = putDataCdb(c.cdb, op10, 0, lba, tl, true);
     return c;
 }
-Bytes lastCdb(MQB& m) { uint8_t c[16]; int n = 16; EXPECT_EQ(m.receiveInfo(MQB_INFO_CDB, 2, c, &n), 0); return {c, c + n}; }
 Rule rule(Rule::Kind kind, Rule::Op op = Rule::Op::Any, uint64_t lo = 0, uint64_t hi = UINT64_MAX, int status = 0) {
     Rule r;
     r.kind = kind, r.op = op, r.lbaLo = lo, r.lbaHi = hi, r.status = status;
@@ -119,18 +118,16 @@ TEST(SimSbc, ReadCapacityWithLazyAndZeroBlockSize) {
     EXPECT_EQ(cap, (Bytes{0x00, 0x1F, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xEE}));
 }
 
-TEST(MQBQueue, CompletionOrderTagAndCdbReadBack) {
+TEST(MQBQueue, CompletionOrderAcrossDevicesWithTags) {
     // The slow command's latency leaves room for two sends on a loaded machine.
     Dev slow("sim:blocks=100,latency=300000"), fast("sim:blocks=100,latency=1000");
     MQB& m = *slow.m;
     ASSERT_EQ(send(m, record(kRead10, 1, 1, 1)), 0);
     ASSERT_EQ(m.setDeviceIndex(fast.idx), 0);
-    const CDBStruct a = record(kWrite10, 2, 7, 0xDEADBEEF);
-    ASSERT_EQ(send(m, a), 0);
+    ASSERT_EQ(send(m, record(kWrite10, 2, 7, 0xDEADBEEF)), 0);
     ASSERT_EQ(send(m, record(kRead10, 3, 1, 3)), 0);
     auto t0 = Clock::now();
     ASSERT_EQ(m.receive(), 0);
-    EXPECT_EQ(lastCdb(m), Bytes(a.cdb, a.cdb + 10));
     std::vector<int> order{lastTag(m)};
     for (int i = 0; i < 2; ++i) order.push_back(m.receive() == 0 ? lastTag(m) : -1);
     EXPECT_GE(Clock::now() - t0, milliseconds(30));
