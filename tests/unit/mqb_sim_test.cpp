@@ -1,4 +1,5 @@
 // mqb_sim_test.cpp: MQB channels on simulated disks.
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -356,4 +357,20 @@ TEST_F(Sim, DelayFaultHoldsTheCompletionBackInTheChannel) {
     const auto t1 = Clock::now();
     EXPECT_EQ(roundTrip(m, record(kRead10, 5, 1)), 0);
     EXPECT_LT(Clock::now() - t1, milliseconds(50)) << "no rule: no delay";
+}
+
+// A 1 ms disk at depth 1: every completion comes at or after its due time,
+// and the median within three times it (a coarse timer or a poll that sleeps
+// whole ticks would miss that; a loaded machine does not).
+TEST(SimQueueLatency, OneMillisecondReadsAreNeverEarlyAndRarelyLate) {
+    Dev r("sim:blocks=100,latency=1000");
+    std::vector<int64_t> us;
+    for (int i = 0; i < 200; ++i) {
+        const auto t0 = Clock::now();
+        ASSERT_EQ(roundTrip(*r.m, record(kRead10, uint32_t(i % 100), 1)), 0);
+        us.push_back(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count());
+    }
+    std::sort(us.begin(), us.end());
+    EXPECT_GE(us.front(), 1000);
+    EXPECT_LE(us[us.size() / 2], 3000) << "median";
 }
