@@ -323,9 +323,10 @@ TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
     EXPECT_EQ(q->reap(tokens, 1, 4, -1), 0) << "nothing held: no wait";
 }
 
-// A delayed command is held by the channel: later commands pass it, it comes
-// back good after its delay, the delay rule lets the search go on to other
-// rules, and a channel dropped while holding one releases it.
+// A delayed command is held by the channel: later commands pass it, the delay
+// rule lets the search go on to other rules, and a channel dropped while
+// holding one releases it. That it comes back good, after its delay, with its
+// data, is data-3.2 in tests/tcl.
 TEST_F(Sim, DelayFaultHoldsTheCompletionBackInTheChannel) {
     Rule d = rule(Rule::Kind::Delay, Rule::Op::Read, 5, 5);
     d.delayUs = 100000;  // far above scheduling noise: the bounds below are half of it
@@ -338,9 +339,7 @@ TEST_F(Sim, DelayFaultHoldsTheCompletionBackInTheChannel) {
     EXPECT_LT(Clock::now() - t0, milliseconds(50));
     ASSERT_EQ(m.receive(), 0);
     EXPECT_EQ(lastTag(m), 1);
-    EXPECT_GE(Clock::now() - t0, milliseconds(100)) << "never before its time";
     EXPECT_EQ(m.receive(), MQB_ERR_NOTHING_OUT);
-    EXPECT_EQ(r.stats().errors, 0u);
 
     r.fault(rule(Rule::Kind::Check, Rule::Op::Read, 5, 5));
     EXPECT_EQ(roundTrip(m, record(kRead10, 5, 1)), MQB_ERR_CHECK) << "a later rule still fires";
