@@ -2,8 +2,8 @@
 // iSCSI queue against a real target (tgtd on 127.0.0.1, started by
 // tests/tgt_fixture.sh): the process's rand() sequence, a queue refusing past
 // its depth, and a reap's own wait on a target that stops answering. Runs at
-// depth, the target's sense, data read back and sessions that die are checked
-// through kiv in tests/tcl/iscsi.test.
+// depth, the target's sense and sessions that die are checked through kiv in
+// tests/tcl/iscsi.test, data read back in iscsi.test and drives.test.
 #include <cstdio>
 #include <deque>
 #include "backends/IscsiDisk.h"

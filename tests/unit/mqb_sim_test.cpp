@@ -72,7 +72,8 @@ TEST_F(Sim, RangeChecksAtTheLastLbaAndInvalidOpcode) {
 // disk: the range checked with 64-bit LBAs and 32-bit lengths, a 16-byte
 // opcode in a 10-byte CDB unknown, counted by kind, and a fault's INFORMATION
 // above 32 bits in descriptor sense (72h) with the UEC. What kiv sends there
-// and how it shows the sense are in tests/tcl/drives.test.
+// and how it shows the sense are checked against the kernel's sg driver in
+// tests/vm/sg_large.test.
 TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
     Dev r("sim:blocks=68719476736");
     MQB& m = *r.m;
