@@ -1,6 +1,6 @@
 // loop_run_test.cpp: device loop runs on simulated disks: command counts, queue
 // fill, failed commands and drains. (Halting on an error and loops in threads at
-// once are checked on real runs: tests/tcl err-2.1, soak-1.1 and data-2.1.)
+// once are checked on real runs: tests/tcl err-2.1, soak-1.1, stats-1.1, data-2.1.)
 #include "loop_harness.h"
 
 static void addFault(SimRig& rig, mqb::FaultRule::Kind kind, uint32_t n = 1, int64_t lba = -1) {
