@@ -14,14 +14,11 @@
 // The interpreter made by the test main; Tk is not loaded in it.
 Tcl_Interp* testInterp();
 
-// Redirects the interpreter's `puts` (one- or two-argument, stdout) into a buffer
-// until stopTclCapture(), which returns what was written.
-void startTclCapture(Tcl_Interp* interp);
-std::string stopTclCapture(Tcl_Interp* interp);
-
-// What `f` writes through the test interpreter's puts, and on the process's stdout.
+// What `f` writes through the test interpreter's puts (to stdout; the result is
+// reset after), on the process's stdout and on its stderr.
 std::string tclOutput(const std::function<void()>& f);
 std::string stdoutOf(const std::function<void()>& f);
+std::string stderrOf(const std::function<void()>& f);
 
 // A new empty file under /tmp (the caller unlinks it); a file's whole text.
 std::string makeTempFile();
