@@ -256,6 +256,15 @@ int MQB::receive() {
     return s.out.status;
 }
 
+namespace {
+// Copies at most `room` of the `have` bytes at `src` to `dst`; returns how many.
+int copyCapped(unsigned char* dst, int room, const unsigned char* src, int have) {
+    const int n = room < have ? room : have;
+    std::memcpy(dst, src, size_t(n));
+    return n;
+}
+}  // namespace
+
 int MQB::receiveInfo(int code, int count, ...) {
     Impl& m = *impl_;
     va_list ap;
@@ -274,9 +283,7 @@ int MQB::receiveInfo(int code, int count, ...) {
         } else if (!m.haveLast) {
             rc = MQB_ERR_NOTHING_OUT;
         } else {
-            const int n = *len < m.lastCdbLen ? *len : m.lastCdbLen;
-            std::memcpy(cdb, m.lastCdb, size_t(n));
-            *len = n;
+            *len = copyCapped(cdb, *len, m.lastCdb, m.lastCdbLen);
         }
     } else {
         rc = MQB_ERR_PARAM;
@@ -300,9 +307,7 @@ int MQB::errInfo(int code, int count, ...) {
         if (!buf || !size || !length || *size < 0) {
             rc = MQB_ERR_PARAM;
         } else {
-            const int n = *size < m.senseLen ? *size : m.senseLen;
-            std::memcpy(buf, m.sense, size_t(n));
-            *length = n;
+            *length = copyCapped(buf, *size, m.sense, m.senseLen);
         }
     } else {
         rc = MQB_ERR_PARAM;

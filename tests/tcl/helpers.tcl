@@ -36,10 +36,11 @@ proc kivshChild {script {timeout 120}} {
     file delete -force $f $errf
     return [list [exitCode $code $opts] $out $err]
 }
-# The exit code of a finished exec (0 when it succeeded).
+# The exit code of a finished exec (0 when it succeeded), or the name of the
+# signal that ended it.
 proc exitCode {code opts} {
     set ec [expr {$code ? [dict get $opts -errorcode] : {}}]
-    expr {!$code ? 0 : [lindex $ec 0] eq "CHILDSTATUS" ? [lindex $ec 2] : -1}
+    expr {!$code ? 0 : [lindex $ec 0] in {CHILDSTATUS CHILDKILLED} ? [lindex $ec 2] : -1}
 }
 
 # A fresh temporary file path inside the test directory.
@@ -55,3 +56,55 @@ set ::header "Indx  Test  Cmd       Ops  Last Lba   TL Secs  Ops/Sec   mb/s  err
 set ::rule [string repeat - 69]
 set ::lineRe {^ *(\d+) +(\S+) +(\S+) +(\d+) +(\d+) +(\d+) +(\d+) +(\d+) +(\d+)\.(\d\d) +(\d+)$}
 proc statLines {out} { lsearch -all -inline -regexp [split $out \n] $::lineRe }
+
+# Keyed blocks (-hwc 1) in a sequential pass of 8-block commands over `lba` of
+# device d, with the command mix `mix`; returns what capture returns.
+proc keyedRun {d lba mix args} {
+    capture [list kiv -devices $d -test s -lba $lba -translen 8:8 {*}$mix -hwc 1 -statmode none {*}$args]
+}
+# kiv's report of a MISCOMPARE on a READ(10): sense key 0E, ASC/ASCQ 1D/00,
+# VALID with INFORMATION = `lba` (fixed format).
+proc miscompareRe {d lba} {
+    set info [join [lmap i {24 16 8 0} {format %02X [expr {($lba >> $i) & 0xFF}]}] " "]
+    return "KIV Error: Check Condition on device $d:\nTAGID: 0x\[0-9A-F\]+ CDB: 28 (?:\[0-9A-F\]{2} ){9}\nSense Data:\nF0 00 0E $info 18 00 00 00 00 1D 00 "
+}
+# Copies one 512-byte block from block `from` of `src` over block `to` of `dst`.
+proc copyBlock {src from dst to} {
+    exec dd if=$src of=$dst bs=512 skip=$from seek=$to count=1 conv=notrunc 2>/dev/null
+}
+
+# A user-space tgtd on 127.0.0.1 (tests/tgt_fixture.sh) with `luns` LUNs of
+# `mb` MiB in a fresh directory: returns {dir url} (the URL of LUN 1), or fails
+# with the fixture's reason when tgtd cannot be had. tgtStop ends it.
+proc tgtStart {name {luns 1} {mb 64}} {
+    set dir [tmpPath tgt-$name]
+    if {[catch {exec [tgtScript] start $dir $mb $luns 2>@1} url]} {
+        file delete -force $dir
+        error "no tgtd: $url"
+    }
+    return [list $dir [lindex [split [string trim $url] \n] end]]
+}
+proc tgtScript {} { file join $::env(KIV_SOURCE_DIR) tests tgt_fixture.sh }
+# What `what` does to the target in `dir` (stop, kill, pause); stop removes `dir`.
+proc tgtDo {what dir} {
+    exec [tgtScript] $what $dir
+    if {$what eq "stop"} { file delete -force $dir }
+}
+
+# Waits until `cond` (an expression, in the caller) is true, polling every
+# 50 ms for at most `ms`; returns whether it came true.
+proc waitFor {cond {ms 20000}} {
+    set end [expr {[clock milliseconds] + $ms}]
+    while {![uplevel 1 [list expr $cond]]} {
+        if {[clock milliseconds] > $end} { return 0 }
+        after 50
+    }
+    return 1
+}
+
+# Runs kiv with `args` on device d, its output captured, and returns a dict:
+# code, out (what it printed), then d's counters as `mqb stats` gives them.
+proc runOn {d args} {
+    lassign [capture [list kiv -devices $d {*}$args]] code res out
+    dict merge [dict create code $code out $out] [mqb stats $d]
+}

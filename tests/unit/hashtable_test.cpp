@@ -4,9 +4,11 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Hashtable.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -50,9 +52,7 @@ TEST(Hashtable, FullBucketGrowsTableAndReportsIt) {
     Hashtable t;
     std::vector<std::string> keys = keysInOneBucket(t, 32, 9);
     for (int i = 0; i < 8; ++i) t.put(K(keys[i]), P(i + 1));
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(t.put(K(keys[8]), P(9)));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Resizing max table size to 64x9\n");
+    EXPECT_EQ(stdoutOf([&] { EXPECT_FALSE(t.put(K(keys[8]), P(9))); }), "Resizing max table size to 64x9\n");
     EXPECT_EQ(t.numBuckets * 100 + t.bucketSize, 6409);
     for (int i = 0; i < 9; ++i) EXPECT_EQ(t.get(K(keys[i])), P(i + 1)) << keys[i];
 
@@ -61,10 +61,8 @@ TEST(Hashtable, FullBucketGrowsTableAndReportsIt) {
     Hashtable one(1, 4);
     one.setDebugLevel(0);
     for (const char* k : {"w", "x", "y", "z"}) one.put(K(k), P(k[0]));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(one.resizeTable(1, 3), 1);
+    EXPECT_EQ(stdoutOf([&] { EXPECT_EQ(one.resizeTable(1, 3), 1); }), "");
     EXPECT_EQ(one.numBuckets * 100 + one.bucketSize, 104);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     for (const char* k : {"w", "x", "y", "z"}) EXPECT_EQ(one.get(K(k)), P(k[0])) << k;
 }
 
@@ -94,10 +92,9 @@ TEST(Hashtable, RemoveKeepsBucketPackedAndRemoveAllEmpties) {
         seen[w.getIndexKey(i)] = (long)w.getIndexVal(i);
     EXPECT_EQ(seen, want);
     int geometry = w.numBuckets * 100 + w.bucketSize;
-    w.removeAll();
-    EXPECT_EQ(w.size(), 0);
-    EXPECT_EQ(w.nextIndex(-1), -1);
-    EXPECT_EQ(w.numBuckets * 100 + w.bucketSize, geometry);  // the geometry stays
+    w.removeAll();  // empty, with the geometry it had
+    EXPECT_EQ(std::make_tuple(w.size(), w.nextIndex(-1), w.numBuckets * 100 + w.bucketSize),
+              std::make_tuple(0, -1, geometry));
     EXPECT_FALSE(w.put(K("e3"), P(1)));  // stored anew, not found stale
     EXPECT_EQ(w.get(K("e3")), P(1));
 }

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include "DeviceTable.h"
 #include "KIVControl.h"
@@ -34,13 +35,11 @@ protected:
     // Runs "kiv <args>", expects code `rc` and nothing printed through puts (a
     // run started); returns the result.
     std::string kiv(const std::string& args, int rc = TCL_OK) {
-        Tcl_Interp* interp = testInterp();
-        startTclCapture(interp);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(Tcl_Eval(interp, ("kiv " + args).c_str()), rc) << args;
-        testing::internal::GetCapturedStderr();
-        std::string result = Tcl_GetStringResult(interp);
-        EXPECT_EQ(stopTclCapture(interp), "") << args;
+        std::string result;
+        EXPECT_EQ(tclOutput([&] {
+                      stderrOf([&] { EXPECT_EQ(Tcl_Eval(testInterp(), ("kiv " + args).c_str()), rc) << args; });
+                      result = Tcl_GetStringResult(testInterp());
+                  }), "") << args;
         return result;
     }
 };
@@ -51,13 +50,10 @@ TEST_F(KivCommand, OptionsReachTheirFields) {
     mgr->setRecvBufferIndex(3);
     kiv("-skip 4 -repeat 0x5 -reverse 6 -randstream {$a} -rawio 5 -errorstats x.txt "
         "-statcallback {puts hi} -usebuffer recv -hwc yes -help");
-    EXPECT_EQ(control.skipFreq * 100 + control.repeatFreq * 10 + control.reverseFreq, 456);
-    EXPECT_EQ(control.randStream, 10);
-    EXPECT_EQ(control.rawioP, 3);  // stored less 2
-    EXPECT_STREQ(control.errStatFileName, "x.txt");
-    EXPECT_STREQ(control.statCallback, "puts hi");
-    EXPECT_EQ(control.dataBufferIdx, 3);
-    EXPECT_TRUE(control.hwCompare);
+    EXPECT_EQ(std::make_tuple(control.skipFreq, control.repeatFreq, control.reverseFreq, control.randStream,
+                              control.rawioP /* stored less 2 */, std::string(control.errStatFileName),
+                              std::string(control.statCallback), control.dataBufferIdx, control.hwCompare),
+              std::make_tuple(4, 5, 6, 10, 3, "x.txt", "puts hi", 3, true));
     kiv("-usebuffer send -help");
     EXPECT_EQ(control.dataBufferIdx, 2);
     const char* tests[] = {"r", "s", "", "p", "x"};  // type 2 is a mix

@@ -135,30 +135,23 @@ TEST(LoopCommands, WriteBuffersAndLengths) {
 // A sequential pass across 2^32 switches to READ(16) and kin on the block that
 // would reach 2^32 (flags and opcode kind unchanged); a length past 65,535
 // goes as 16 bytes at LBA 0; cdb=16 sends 16 bytes even where 10 would carry.
+// What the device receives across 2^32: tests/tcl drives-1.1 and drives-1.3.
 TEST(LoopCommands, SixteenByteFormWhereTenCannotCarryTheBlock) {
     SimRig rig("sim:blocks=68719476736");
     const uint64_t top = uint64_t{1} << 32;
     auto l = readyLoop(rig, LoopCfg().lba(double(top - 12), double(top + 100)).mix(25, 25, 25, 25));
-    mqb::traceStart(rig.dev, 0);
     const uint8_t op10[5] = {0x28, 0x2A, 0, 0x2E, 0x2F};
     for (uint64_t want : {top - 12, top - 4, top + 4, top + 12}) {
         l->loadFunc();
         l->unloadFunc();
         const CDBStruct& r = l->cdbs[l->tag % 128];
         const uint8_t* c = r.cdb;
-        const bool sixteen = want + 8 > top;
-        ASSERT_EQ(r.cdbLen, sixteen ? 16 : 10) << want;
-        EXPECT_EQ(c[0], op10[l->lastCmd] + (sixteen ? 0x60 : 0)) << want;  // 28 -> 88, 2F -> 8F
-        EXPECT_EQ(c[1], 0);
-        EXPECT_EQ(sixteen ? scsi::be64(c + 2) : scsi::be32(c + 2), want);
-        EXPECT_EQ(sixteen ? scsi::be32(c + 10) : scsi::be16(c + 7), 8u);
+        const bool sixteen = want + 8 > top;  // then 28 -> 88, 2F -> 8F
+        EXPECT_EQ(std::make_tuple(+r.cdbLen, +c[0], +c[1], sixteen ? scsi::be64(c + 2) : scsi::be32(c + 2),
+                                  sixteen ? scsi::be32(c + 10) : scsi::be16(c + 7)),
+                  std::make_tuple(sixteen ? 16 : 10, op10[l->lastCmd] + (sixteen ? 0x60 : 0), 0, want, 8u))
+            << want;
     }
-    std::vector<mqb::TraceEntry> t;
-    ASSERT_TRUE(mqb::traceGet(rig.dev, t));
-    ASSERT_EQ(t.size(), 4u);
-    EXPECT_EQ(std::make_tuple(t[2].opcode & 0xF0, t[2].lba, t[3].lba),
-              std::make_tuple(0x80, top + 4, top + 12));
-    EXPECT_EQ(rig.stats().errors, 0u);
 
     auto big = readyLoop(rig, LoopCfg().tl(70000, 70000).mix(0, 0, 0, 100));
     big->loadFunc();

@@ -69,11 +69,3 @@ inline std::unique_ptr<KIVLoop> readyLoop(SimRig& rig, const LoopCfg& c) {
     l->lastLba = l->minLba;
     return l;
 }
-
-// What `f` writes with Tcl puts (control->print), or else to stdout.
-template <typename F>
-std::string capture(F f, bool tcl = true) {
-    tcl ? startTclCapture(testInterp()) : testing::internal::CaptureStdout();
-    f();
-    return tcl ? stopTclCapture(testInterp()) : testing::internal::GetCapturedStdout();
-}

@@ -17,7 +17,7 @@ TEST(LoopSetup, BoundsNarrowRangesAndPercentOps) {
             << k.lo << ".." << k.hi;
     }
     LoopCfg c = LoopCfg().lba(0, 100000).tl(1, 64).depth(1, -50);
-    std::string out = capture([&] { l = makeLoop(rig, c); }, false);
+    std::string out = stdoutOf([&] { l = makeLoop(rig, c); });
     EXPECT_EQ(l->ops, 1538u);
     EXPECT_NE(out.find("Operation count set to 50.000000% -> 1538 operations\n"),
               std::string::npos) << out;
@@ -28,7 +28,7 @@ TEST(LoopSetup, ChoosesItsMQBOrFails) {
     MQB* current = rig.mgr.getCurrentMQB();
     LoopCfg c;
     std::unique_ptr<KIVLoop> l;
-    auto make = [&] { return capture([&] { l = makeLoop(rig, c); }); };
+    auto make = [&] { return tclOutput([&] { l = makeLoop(rig, c); }); };
     EXPECT_EQ(make(), "Created New Test Thread Using \"clone\" method\n");
     current->setCloneAllowed(false);
     EXPECT_EQ(make(), "Created New Test Thread Using \"new\" method\n");
@@ -61,7 +61,7 @@ TEST(LoopSetup, UserBufferAndLimitMessages) {
     };
     std::unique_ptr<KIVLoop> l;
     for (const auto& k : cases) {
-        std::string msg = capture([&] { l = makeLoop(rig, k.cfg); });
+        std::string msg = tclOutput([&] { l = makeLoop(rig, k.cfg); });
         for (const std::string& line : k.lines)
             EXPECT_NE(msg.find(line + "\n"), std::string::npos) << msg;
         EXPECT_EQ(l->running.load(), k.cfg.dataBufferIdx < 0);
@@ -75,21 +75,21 @@ TEST(LoopSetup, UserBufferAndLimitMessages) {
 // 10-byte CDB refused at set-up when the range needs more, never cut.
 TEST(LoopSetup, SixtyFourBitRangesAndAForcedCdbForm) {
     SimRig big("sim:blocks=68719476736");
-    std::string msg = capture([&] {
+    std::string msg = stdoutOf([&] {
         auto l = makeLoop(big, LoopCfg().lba(0.99, 1.0).tl(1, 1).depth(1, -100));
         EXPECT_EQ(std::make_tuple(l->minLba, l->maxLba, l->ops, l->running.load()),
                   std::make_tuple(uint64_t{68032281967}, uint64_t{68719476735}, uint64_t{687194768}, true));
-    }, false);
+    });
     EXPECT_NE(msg.find("-> 687194768 operations\n"), std::string::npos) << msg;
 
     SimRig forced("sim:blocks=68719476736,cdb=10");
     std::unique_ptr<KIVLoop> l;
-    msg = capture([&] { l = makeLoop(forced, LoopCfg().lba(0, 4294967294.0)); });
+    msg = tclOutput([&] { l = makeLoop(forced, LoopCfg().lba(0, 4294967294.0)); });
     EXPECT_EQ(std::make_pair(l->running.load(), l->cdbForm), std::make_pair(true, 10));
     const std::string dev = "KIV: <E> Device " + std::to_string(forced.dev) + ": cdb=10 cannot carry ";
     for (auto [c, text] : {std::pair{LoopCfg().lba(0, 4294967295.0), "LBA 4294967296; use cdb=16 or a smaller -lba range"},
                            {LoopCfg().lba(0, 1000).tl(1, 65536), "a transfer of 65536 blocks; use cdb=16 or a smaller -translen"}}) {
-        msg = capture([&] { l = makeLoop(forced, c); });
+        msg = tclOutput([&] { l = makeLoop(forced, c); });
         EXPECT_NE(msg.find(dev + text + "\n"), std::string::npos) << msg;
         EXPECT_EQ(std::make_pair(l->running.load(), l->errCount.load()), std::make_pair(false, -1));
     }

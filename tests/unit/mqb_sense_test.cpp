@@ -8,7 +8,8 @@
 #include "MQBErr.h"
 #include "SenseParser.h"
 
-// Descriptor rows: a descriptor to skip, then INFORMATION with VALID (byte 14) set, then clear.
+// Descriptor rows: a descriptor to skip, then INFORMATION with VALID (byte 14)
+// set and our UEC descriptor (80h), then VALID clear.
 TEST(SenseParser, FixedDescriptorAndUnknownFormats) {
     using Bytes = std::vector<unsigned char>;
     using Fields = std::tuple<int, int, int, int, int>;
@@ -16,8 +17,9 @@ TEST(SenseParser, FixedDescriptorAndUnknownFormats) {
         {{0xF0, 0, 0x03, 1, 2, 3, 4, 24, 0, 0, 0, 0, 0x11, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
          {3, 0x11, 0, 1, 0x1234}, {0, 0, 0, 0, 1, 2, 3, 4}},
         {{0x71, 0, 0x05, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x21, 0x01, 0, 0, 0, 0}, {5, 0x21, 1, 0, 0}, Bytes(8, 0)},
-        {{0x72, 0x04, 0x44, 0, 0, 0, 0, 16, 0x02, 0x02, 0, 0, 0x00, 0x0A, 0x80, 0, 0, 0, 0, 1, 0, 0, 0x10, 0x20},
-         {4, 0x44, 0, 1, 0}, {0, 0, 0, 1, 0, 0, 0x10, 0x20}},
+        {{0x72, 0x04, 0x44, 0, 0, 0, 0, 28, 0x02, 0x02, 0, 0, 0x00, 0x0A, 0x80, 0, 0, 0, 0, 1, 0, 0, 0x10, 0x20,
+          0x80, 0x0A, 0x12, 0x34, 0, 0, 0, 0, 0, 0, 0, 0},
+         {4, 0x44, 0, 1, 0x1234}, {0, 0, 0, 1, 0, 0, 0x10, 0x20}},
         {{0x72, 0x04, 0x44, 0, 0, 0, 0, 16, 0x02, 0x02, 0, 0, 0x00, 0x0A, 0x00, 0, 0, 0, 0, 1, 0, 0, 0x10, 0x20},
          {4, 0x44, 0, 0, 0}, {0, 0, 0, 1, 0, 0, 0x10, 0x20}},
         {{0x7F, 0, 0x03, 1, 2, 3, 4, 24, 0, 0, 0, 0, 0x11, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34}, {0, 0, 0, 0, 0}, {}},

@@ -1,23 +1,11 @@
-// mqb_sim_test.cpp: MQB channels on simulated and file-backed disks.
-#include <gtest/gtest.h>
+// mqb_sim_test.cpp: MQB channels on simulated disks.
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <new>
-#include <thread>
-#include <unistd.h>
-#include "CDBStruct.h"
-#include "DeviceTable.h"
-#include "MQB.h"
-#include "MQBErr.h"
 #include "DeviceInfo.h"
-#include "Scsi.h"
-#include "SenseParser.h"
-#include "backends/Queue.h"
 #include "backends/SimDisk.h"
-#include "TestSupport.h"
+#include "MqbTestSupport.h"
 
 // Counts allocations while g_countAllocs is set, to prove the command path allocates nothing.
 // The replacements pair malloc with free themselves, which GCC cannot see.
@@ -33,96 +21,72 @@ void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
+using namespace mqbtest;
 using Rule = mqb::FaultRule;
-constexpr uint8_t READ10 = 0x28, WRITE10 = 0x2A, WRV10 = 0x2E, VERIFY10 = 0x2F, RDCAP10 = 0x25;
+constexpr uint8_t kInquiry = 0x12;  // no block command: unknown to the disk
 
-using namespace cdbtest;
-CDBStruct rec(uint8_t op, uint32_t lba, uint16_t tl, uint32_t tag = 0, Bytes* buf = nullptr) {
-    return record(op, lba, tl, tag, buf);
+// The 16-byte form of the data command `op10`.
+CDBStruct record16(uint8_t op10, uint64_t lba, uint32_t tl) {
+    CDBStruct c = record(0, 0, 0);
+    c.cdbLen = putDataCdb(c.cdb, op10, 0, lba, tl, true);
+    return c;
 }
-Bytes lastCdb(MQB& m) { uint8_t c[16]; int n = 16; EXPECT_EQ(m.receiveInfo(MQB_INFO_CDB, 2, c, &n), 0); return {c, c + n}; }
 Rule rule(Rule::Kind kind, Rule::Op op = Rule::Op::Any, uint64_t lo = 0, uint64_t hi = UINT64_MAX, int status = 0) {
     Rule r;
     r.kind = kind, r.op = op, r.lbaLo = lo, r.lbaHi = hi, r.status = status;
     return r;
 }
-
-struct Rig {
-    int idx = -1;
-    std::unique_ptr<MQB> m = std::make_unique<MQB>("sim");
-    explicit Rig(const std::string& spec) {
-        std::string err;
-        EXPECT_GE(idx = mqb::addDevice(spec, err), 0) << err;
-        EXPECT_EQ(m->setDeviceIndex(idx), 0);
-    }
-    mqb::DeviceStats stats() const { mqb::DeviceStats s; EXPECT_TRUE(mqb::stats(idx, s)); return s; }
-    void fault(const Rule& r) { std::string e; EXPECT_GT(mqb::addFault(idx, r, e), 0) << e; }
-};
 struct Sim : ::testing::Test {
-    Rig r{"sim:blocks=1000"};
+    Dev r{"sim:blocks=1000"};
     MQB& m = *r.m;
 };
 }  // namespace
 
-TEST(SimSpec, BadSpecsAreRefusedWithTheirMessage) {
-    const struct { const char* spec; const char* err; } bad[] = {
+TEST(DeviceText, BadTextsAreRefusedWithTheirMessage) {
+    const struct { const char* text; const char* err; } bad[] = {
         {"sim:foo=1", "unknown device text key \"foo\""}, {"sim:store", "device text item \"store\" is not key=value"},
         {"sim:blocks=12x", "bad value \"12x\" for device text key \"blocks\""}, {"disk", "unknown device type \"disk\""},
         {"file:/dev/null", "\"/dev/null\" is smaller than one block"}, {"", "empty device text"},
+        {"sim:blocks=10,cdb=12", "bad value \"12\" for device text key \"cdb\" (10 or 16)"},
+        {"sim:storemax=lots", "bad value \"lots\" for device text key \"storemax\""},
+        {"file:/dev/null,direct=2", "bad value \"2\" for device text key \"direct\""},
     };
     for (const auto& b : bad) {
         std::string err;
-        EXPECT_EQ(mqb::addDevice(b.spec, err), -1) << b.spec;
+        EXPECT_EQ(mqb::addDevice(b.text, err), -1) << b.text;
         EXPECT_EQ(err, b.err);
     }
 }
 
 TEST_F(Sim, RangeChecksAtTheLastLbaAndInvalidOpcode) {
-    for (uint8_t op : {READ10, WRITE10, WRV10, VERIFY10}) {
-        EXPECT_EQ(roundTrip(m, rec(op, 999, 1)), 0) << int(op);
-        EXPECT_EQ(roundTrip(m, rec(op, 999, 0)), 0) << int(op);  // TL 0 on the disk: no transfer
-        for (auto [lba, tl] : {std::pair<uint32_t, uint16_t>{999, 2}, {1000, 0}, {0xFFFFFFFF, 0xFFFF}}) {
-            EXPECT_EQ(roundTrip(m, rec(op, lba, tl)), MQB_ERR_CHECK) << int(op) << " " << lba;
-            EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x21, 0x00));
-        }
+    for (uint8_t op : {kRead10, kWrite10, kWriteVerify10, kVerify10}) {
+        EXPECT_EQ(roundTrip(m, record(op, 999, 1)), 0) << int(op);
+        EXPECT_EQ(roundTrip(m, record(op, 999, 0)), 0) << int(op);  // TL 0 on the disk: no transfer
+        for (auto [lba, tl] : {std::pair<uint32_t, uint16_t>{999, 2}, {1000, 0}, {0xFFFFFFFF, 0xFFFF}})
+            EXPECT_EQ(senseOf(m, roundTrip(m, record(op, lba, tl))), kOutOfRange) << int(op) << " " << lba;
     }
-    EXPECT_EQ(roundTrip(m, rec(0x12, 0, 0)), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x20, 0x00));
+    EXPECT_EQ(senseOf(m, roundTrip(m, record(kInquiry, 0, 0))), kBadOpcode);
 }
 
 // READ(16), WRITE(16), WRITE AND VERIFY(16) and VERIFY(16) on a 2^36-block
 // disk: the range checked with 64-bit LBAs and 32-bit lengths, a 16-byte
-// opcode in a 10-byte CDB unknown, the trace showing what was sent, and a
-// fault's INFORMATION above 32 bits in descriptor sense (72h) with the UEC.
+// opcode in a 10-byte CDB unknown, counted by kind, and a fault's INFORMATION
+// above 32 bits in descriptor sense (72h) with the UEC. What kiv sends there
+// and how it shows the sense are checked against the kernel's sg driver in
+// tests/vm/sg_large.test.
 TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
-    Rig r("sim:blocks=68719476736");
+    Dev r("sim:blocks=68719476736");
     MQB& m = *r.m;
     const uint64_t last = (uint64_t{1} << 36) - 1;
-    auto rec16 = [](uint8_t op, uint64_t lba, uint32_t tl) {
-        CDBStruct c = rec(0, 0, 0);
-        c.cdbLen = 16;
-        c.cdb[0] = op;
-        for (int i = 0; i < 8; ++i) c.cdb[2 + i] = uint8_t(lba >> (56 - 8 * i));
-        for (int i = 0; i < 4; ++i) c.cdb[10 + i] = uint8_t(tl >> (24 - 8 * i));
-        return c;
-    };
-    ASSERT_TRUE(mqb::traceStart(r.idx, 0));
-    for (uint8_t op : {0x88, 0x8A, 0x8E, 0x8F}) {
-        EXPECT_EQ(roundTrip(m, rec16(op, last, 1)), 0) << int(op);
-        EXPECT_EQ(roundTrip(m, rec16(op, 0, 70000)), 0) << int(op);
-        for (auto [lba, tl] : {std::pair<uint64_t, uint32_t>{last, 2}, {last + 1, 0}, {~uint64_t{0}, 0xFFFFFFFF}}) {
-            EXPECT_EQ(roundTrip(m, rec16(op, lba, tl)), MQB_ERR_CHECK) << int(op) << " " << lba;
-            EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x21, 0x00));
-        }
-        CDBStruct shortCdb = rec16(op, 0, 1);
+    for (uint8_t op : {kRead10, kWrite10, kWriteVerify10, kVerify10}) {
+        EXPECT_EQ(roundTrip(m, record16(op, last, 1)), 0) << int(op);
+        EXPECT_EQ(roundTrip(m, record16(op, 0, 70000)), 0) << int(op);
+        for (auto [lba, tl] : {std::pair<uint64_t, uint32_t>{last, 2}, {last + 1, 0}, {~uint64_t{0}, 0xFFFFFFFF}})
+            EXPECT_EQ(senseOf(m, roundTrip(m, record16(op, lba, tl))), kOutOfRange) << int(op) << " " << lba;
+        CDBStruct shortCdb = record16(op, 0, 1);  // 16-byte opcode, 10-byte CDB
         shortCdb.cdbLen = 10;
-        EXPECT_EQ(roundTrip(m, shortCdb), MQB_ERR_CHECK);
-        EXPECT_EQ(lastSense(m), fixedSense(0x05, 0x20, 0x00));
+        EXPECT_EQ(senseOf(m, roundTrip(m, shortCdb)), kBadOpcode);
     }
-    std::vector<mqb::TraceEntry> t;
-    ASSERT_TRUE(mqb::traceGet(r.idx, t));
-    EXPECT_EQ(std::make_tuple(int(t[0].opcode), t[0].lba, t[1].tl, int(t[6].opcode)),
-              std::make_tuple(0x88, last, 70000u, 0x8A));
     auto s = r.stats();
     EXPECT_EQ(std::make_tuple(s.reads, s.writes, s.wrvs, s.verifies, s.other, s.blocksRead),
               std::make_tuple(5u, 5u, 5u, 5u, 4u, uint64_t{70003} + 0xFFFFFFFFu))
@@ -130,42 +94,20 @@ TEST(SimSbc, SixteenByteCommandsAndDescriptorSense) {
 
     const uint64_t high = (uint64_t{1} << 33) + 7;
     Rule f = rule(Rule::Kind::Check, Rule::Op::Read, high, high);
-    f.key = 0x03, f.asc = 0x11, f.hasUec = true, f.uec = 0x1234, f.info = true;
+    f.key = kKeyMedium, f.asc = kUnrecoveredRead.asc, f.hasUec = true, f.uec = 0x1234, f.info = true;
     r.fault(f);
-    Rule low = f;
-    low.lbaLo = low.lbaHi = 9;
-    r.fault(low);
-    ASSERT_EQ(roundTrip(m, rec16(0x88, high - 3, 8)), MQB_ERR_CHECK);
-    Bytes want(32, 0);
-    want[0] = 0x72, want[1] = 0x03, want[2] = 0x11, want[7] = 24;
-    want[8] = 0x00, want[9] = 0x0A, want[10] = 0x80;
-    for (int i = 0; i < 8; ++i) want[12 + i] = uint8_t(high >> (56 - 8 * i));
-    want[20] = 0x80, want[21] = 0x0A, want[22] = 0x12, want[23] = 0x34;
-    const Bytes got = lastSense(m);
-    EXPECT_EQ(got, want);
-    unsigned char info[8], v = 0;
-    unsigned short uec = 0;
-    SenseParser::getInformationBytes(got.data(), info, int(got.size()));
-    EXPECT_EQ(std::make_tuple(scsi::be64(info), SenseParser::getValidBit(got.data(), &v, 32),
-                              SenseParser::getUec(got.data(), &uec, 32)),
-              std::make_tuple(high, 1, 0x1234));
-    ASSERT_EQ(roundTrip(m, rec(READ10, 9, 1)), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(m)[0], 0xF0) << "fixed format while the LBA fits 32 bits";
-
-    std::string err;
-    EXPECT_EQ(mqb::addDevice("sim:blocks=10,cdb=12", err), -1);
-    EXPECT_EQ(err, "bad value \"12\" for device text key \"cdb\" (10 or 16)");
-    Rig forced("sim:blocks=10,cdb=16");
-    DeviceInfo di;
-    forced.m->getDeviceInfo(&di);
-    EXPECT_EQ(std::make_pair(di.cdbForm, di.capacity), std::make_pair(16, uint64_t{9}));
+    ASSERT_EQ(roundTrip(m, record16(kRead10, high - 3, 8)), MQB_ERR_CHECK);
+    // 72h, 03/11/00, 24 more bytes: INFORMATION (VALID) and our UEC descriptor.
+    Bytes want{0x72, 0x03, 0x11, 0, 0, 0, 0, 24, 0x00, 0x0A, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0x0A, 0x12, 0x34};
+    want.resize(32), putBe64(&want[12], high);
+    EXPECT_EQ(lastSense(m), want);
 }
 
 TEST(SimSbc, ReadCapacityWithLazyAndZeroBlockSize) {
-    Rig r("sim:blocks=1000,bs=4096,lazybs=1"), zero("sim:bs=0");
+    Dev r("sim:blocks=1000,bs=4096,lazybs=1"), zero("sim:bs=0");
     DeviceInfo info;
     Bytes cap(9, 0xEE);
-    CDBStruct rc = rec(RDCAP10, 0, 0, 0, &cap);
+    CDBStruct rc = record(kReadCapacity10, 0, 0, 0, &cap);
     rc.readLen = 8;
     ASSERT_EQ(send(*r.m, rc), 0);
     ASSERT_EQ(r.m->getDeviceInfo(&info), 0);
@@ -178,58 +120,39 @@ TEST(SimSbc, ReadCapacityWithLazyAndZeroBlockSize) {
     EXPECT_EQ(cap, (Bytes{0x00, 0x1F, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xEE}));
 }
 
-TEST(MQBFile, WrittenDataReachesTheFileAndReadsBack) {
-    char path[] = "/tmp/mqb_file_test_XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, 64 * 512), 0);
-    Rig file(std::string("file:") + path);
-    Bytes out(3 * 512), in(3 * 512, 0xEE), disk(3 * 512);
-    for (size_t i = 0; i < out.size(); ++i) out[i] = uint8_t(i * 7 + 1);
-    ASSERT_EQ(roundTrip(*file.m, rec(WRITE10, 61, 3, 0, &out)), 0);
-    ASSERT_EQ(pread(fd, disk.data(), disk.size(), 61 * 512), ssize_t(disk.size()));
-    EXPECT_EQ(disk, out);
-    ASSERT_EQ(roundTrip(*file.m, rec(READ10, 61, 3, 0, &in)), 0);
-    EXPECT_EQ(in, out);
-    close(fd);
-    unlink(path);
-}
-
-TEST(MQBQueue, CompletionOrderTagAndCdbReadBack) {
+TEST(MQBQueue, CompletionOrderAcrossDevicesWithTags) {
     // The slow command's latency leaves room for two sends on a loaded machine.
-    Rig slow("sim:blocks=100,latency=300000"), fast("sim:blocks=100,latency=1000");
+    Dev slow("sim:blocks=100,latency=300000"), fast("sim:blocks=100,latency=1000");
     MQB& m = *slow.m;
-    using Clock = std::chrono::steady_clock;
-    ASSERT_EQ(send(m, rec(READ10, 1, 1, 1)), 0);
+    ASSERT_EQ(send(m, record(kRead10, 1, 1, 1)), 0);
     ASSERT_EQ(m.setDeviceIndex(fast.idx), 0);
-    const CDBStruct a = rec(WRITE10, 2, 7, 0xDEADBEEF);
-    ASSERT_EQ(send(m, a), 0);
-    ASSERT_EQ(send(m, rec(READ10, 3, 1, 3)), 0);
+    ASSERT_EQ(send(m, record(kWrite10, 2, 7, 0xDEADBEEF)), 0);
+    ASSERT_EQ(send(m, record(kRead10, 3, 1, 3)), 0);
     auto t0 = Clock::now();
     ASSERT_EQ(m.receive(), 0);
-    EXPECT_EQ(lastCdb(m), Bytes(a.cdb, a.cdb + 10));
     std::vector<int> order{lastTag(m)};
     for (int i = 0; i < 2; ++i) order.push_back(m.receive() == 0 ? lastTag(m) : -1);
-    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(30));
+    EXPECT_GE(Clock::now() - t0, milliseconds(30));
     EXPECT_EQ(order, (std::vector<int>{int(0xDEADBEEF), 3, 1})) << "by finishing time";
     t0 = Clock::now();
     EXPECT_EQ(m.receive(), MQB_ERR_NOTHING_OUT);
     // A wait would last at least a receive time-out; 500 ms only absorbs load.
-    EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(500)) << "nothing outstanding: no wait";
+    EXPECT_LT(Clock::now() - t0, milliseconds(500)) << "nothing outstanding: no wait";
 }
 
 TEST_F(Sim, CountersPeakOutstandingAndQueueFull) {
-    for (uint8_t op : {READ10, READ10, WRITE10, WRV10, VERIFY10, RDCAP10}) ASSERT_EQ(roundTrip(m, rec(op, 0, 4)), 0);
-    ASSERT_EQ(roundTrip(m, rec(READ10, 999, 4)), MQB_ERR_CHECK);
+    for (uint8_t op : {kRead10, kRead10, kWrite10, kWriteVerify10, kVerify10, kReadCapacity10})
+        ASSERT_EQ(roundTrip(m, record(op, 0, 4)), 0);
+    ASSERT_EQ(roundTrip(m, record(kRead10, 999, 4)), MQB_ERR_CHECK);
     mqb::DeviceStats s = r.stats();
     EXPECT_EQ((std::vector<uint64_t>{s.commands, s.reads, s.writes, s.wrvs, s.verifies, s.other,
                                      s.blocksRead, s.blocksWritten, s.errors, s.maxOutstanding}),
               (std::vector<uint64_t>{7, 3, 1, 1, 1, 1, 12, 8, 1, 1}));
     MQB other("sim");  // a second channel on the device adds to its peak
     other.setDeviceIndex(r.idx);
-    for (int i = 0; i < 256; ++i) ASSERT_EQ(send(m, rec(READ10, 0, 1, i)), 0) << i;
-    EXPECT_EQ(send(m, rec(READ10, 0, 1)), MQB_ERR_QUEUE_FULL);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(send(other, rec(READ10, 0, 1)), 0);
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(send(m, record(kRead10, 0, 1, i)), 0) << i;
+    EXPECT_EQ(send(m, record(kRead10, 0, 1)), MQB_ERR_QUEUE_FULL);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(send(other, record(kRead10, 0, 1)), 0);
     EXPECT_EQ(r.stats().maxOutstanding, 1u) << "sent is not yet at the device";
     m.commit(), other.commit();
     while (m.receive() == 0 || other.receive() == 0) {}
@@ -238,11 +161,10 @@ TEST_F(Sim, CountersPeakOutstandingAndQueueFull) {
 
 TEST_F(Sim, IoctlStatesBadArgumentsCloneAndItsRefusal) {
     int arg = 0;
-    unsigned char flag = 0;
     auto queueing = [&](int v) { return m.ioctl(MQB_IOCTL_QUEUEING, 2, &v, &arg); };
     auto depth = [&](int v) { return m.ioctl(MQB_IOCTL_MAX_DEPTH, 1, &v); };
     auto fastRd = [&](unsigned char v) { return m.ioctl(MQB_IOCTL_FAST_READS, 1, &v); };
-    auto mode = [&](int v) { return m.ioctl(MQB_IOCTL_DATA_MODE, 3, &v, &arg, &flag); };
+    auto mode = [&](int v) { return setDataMode(m, v); };
     auto state = [&] { auto s = r.stats(); return std::tuple{s.queueing, s.maxQueueDepth, s.fastReads, s.dataMode}; };
     for (int rc : {queueing(1), depth(32), fastRd(0), mode(6)}) EXPECT_EQ(rc, 0);
     EXPECT_EQ(state(), std::tuple(true, 32, true, 6));
@@ -265,46 +187,47 @@ TEST_F(Sim, IoctlStatesBadArgumentsCloneAndItsRefusal) {
 
 TEST_F(Sim, FaultRulesOfEveryKindWithTheirFilters) {
     Rule f = rule(Rule::Kind::Check, Rule::Op::Read, 500, 510);
-    f.key = 0x03, f.asc = 0x11, f.ascq = 0x04, f.hasUec = true, f.uec = 0x1234, f.info = true;
+    f.key = kKeyMedium, f.asc = kUnrecoveredRead.asc, f.ascq = 0x04, f.hasUec = true, f.uec = 0x1234, f.info = true;
     r.fault(f);
-    EXPECT_EQ(roundTrip(m, rec(READ10, 490, 10)), 0) << "blocks 490-499 stay clear";
-    EXPECT_EQ(roundTrip(m, rec(READ10, 511, 4)), 0);
-    EXPECT_EQ(roundTrip(m, rec(WRITE10, 500, 1)), 0) << "op filter";
+    EXPECT_EQ(roundTrip(m, record(kRead10, 490, 10)), 0) << "blocks 490-499 stay clear";
+    EXPECT_EQ(roundTrip(m, record(kRead10, 511, 4)), 0);
+    EXPECT_EQ(roundTrip(m, record(kWrite10, 500, 1)), 0) << "op filter";
     for (auto [lba, tl, info] : {std::tuple{490u, 11, 500}, {505u, 0, 505}}) {  // TL 0 is one block
-        ASSERT_EQ(roundTrip(m, rec(READ10, lba, uint16_t(tl))), MQB_ERR_CHECK) << lba;
-        Bytes sense = fixedSense(0x03, 0x11, 0x04, info);  // INFORMATION: first LBA in range
-        sense[20] = 0x12, sense[21] = 0x34;
-        EXPECT_EQ(lastSense(m), sense);
+        ASSERT_EQ(roundTrip(m, record(kRead10, lba, uint16_t(tl))), MQB_ERR_CHECK) << lba;
+        Bytes want = fixedSense(kKeyMedium, kUnrecoveredRead.asc, 0x04, info);  // INFORMATION: first LBA in range
+        want[20] = 0x12, want[21] = 0x34;
+        EXPECT_EQ(lastSense(m), want);
     }
     Rule a = rule(Rule::Kind::Check, Rule::Op::Write);  // the rules pile up; each command below misses the others
     a.every = 3, a.count = 2;
     r.fault(a);
     r.fault(rule(Rule::Kind::Timeout, Rule::Op::Any, 0, 0));
     std::vector<int> got, want(12, MQB_ERR_TIMEOUT);
-    for (int i = 0; i < 12; ++i) got.push_back(roundTrip(m, rec(WRITE10, 0, 1)));
+    for (int i = 0; i < 12; ++i) got.push_back(roundTrip(m, record(kWrite10, 0, 1)));
     want[2] = want[5] = MQB_ERR_CHECK;
     EXPECT_EQ(got, want) << "every 3rd write, twice; the first rule to fire wins, the rest fall through";
     Rule refuse = rule(Rule::Kind::Refuse, Rule::Op::Any, 7, 7);
-    refuse.key = 0x06, refuse.asc = 0x29;
+    refuse.key = kKeyUnitAttention, refuse.asc = 0x29;  // power on or reset
     r.fault(refuse);
-    EXPECT_EQ(send(m, rec(READ10, 7, 1)), MQB_ERR_CHECK);
-    EXPECT_EQ(lastSense(m), fixedSense(0x06, 0x29, 0x00)) << "sense read through errInfo";
+    EXPECT_EQ(senseOf(m, send(m, record(kRead10, 7, 1))), fixedSense(kKeyUnitAttention, 0x29))
+        << "sense read through errInfo";
     EXPECT_EQ(m.outstanding(), 0) << "a refused command is not queued";
     r.fault(rule(Rule::Kind::Status, Rule::Op::Wrv, 0, UINT64_MAX, MQB_ERR_IO));
-    EXPECT_EQ(roundTrip(m, rec(WRV10, 3, 1)), MQB_ERR_IO);
+    EXPECT_EQ(roundTrip(m, record(kWriteVerify10, 3, 1)), MQB_ERR_IO);
 }
 
 TEST_F(Sim, TraceArrivalOrderAndLimit) {
     ASSERT_TRUE(mqb::traceStart(r.idx, 4));  // 15 and 16 come past the limit
-    for (auto c : {rec(READ10, 1, 2, 11), rec(WRITE10, 3, 4, 12), rec(0x12, 0, 0, 13), rec(VERIFY10, 999, 0, 14),
-                   rec(READ10, 5, 1, 15), rec(READ10, 6, 1, 16)})
+    for (auto c : {record(kRead10, 1, 2, 11), record(kWrite10, 3, 4, 12), record(kInquiry, 0, 0, 13),
+                   record(kVerify10, 999, 0, 14), record(kRead10, 5, 1, 15), record(kRead10, 6, 1, 16)})
         ASSERT_EQ(send(m, c), 0);
     while (m.receive() != MQB_ERR_NOTHING_OUT) {}
     std::vector<mqb::TraceEntry> t;
     ASSERT_TRUE(mqb::traceGet(r.idx, t));
     std::vector<std::tuple<int, uint64_t, uint32_t, uint32_t>> got;
     for (const auto& e : t) got.emplace_back(e.opcode, e.lba, e.tl, e.tag);
-    EXPECT_EQ(got, (decltype(got){{READ10, 1, 2, 11}, {WRITE10, 3, 4, 12}, {0x12, 0, 0, 13}, {VERIFY10, 999, 0, 14}}));
+    EXPECT_EQ(got, (decltype(got){{kRead10, 1, 2, 11}, {kWrite10, 3, 4, 12}, {kInquiry, 0, 0, 13},
+                                  {kVerify10, 999, 0, 14}}));
 }
 
 TEST_F(Sim, TwoThreadsHammerOneDeviceOnItsLockedFaultPath) {
@@ -314,7 +237,7 @@ TEST_F(Sim, TwoThreadsHammerOneDeviceOnItsLockedFaultPath) {
         MQB ch("sim");
         ch.setDeviceIndex(r.idx);
         for (int i = 0; i < 20000; ++i) {  // depth 8: eight sends, then eight receives
-            failures += send(ch, rec(i % 2 ? READ10 : WRITE10, (base + uint32_t(i) * 7) % 1000, 1)) != 0;
+            failures += send(ch, record(i % 2 ? kRead10 : kWrite10, (base + uint32_t(i) * 7) % 1000, 1)) != 0;
             for (int j = 0, rc; i % 8 == 7 && j < 8; ++j)
                 rc = ch.receive(), (rc == MQB_ERR_CHECK ? checks : failures) += rc != 0;
         }
@@ -327,7 +250,8 @@ TEST_F(Sim, TwoThreadsHammerOneDeviceOnItsLockedFaultPath) {
 }
 
 TEST_F(Sim, SendAndReceiveDoNotAllocate) {
-    CDBStruct recs[4] = {rec(READ10, 1, 8), rec(WRITE10, 2, 8), rec(READ10, 2000, 1), rec(VERIFY10, 3, 1)};
+    CDBStruct recs[4] = {record(kRead10, 1, 8), record(kWrite10, 2, 8), record(kRead10, 2000, 1),
+                         record(kVerify10, 3, 1)};
     ASSERT_EQ(roundTrip(m, recs[0]), 0);  // the first command opens the channel's queue
     mqb::reset(r.idx);
     g_countAllocs = true;
@@ -342,35 +266,30 @@ TEST_F(Sim, SendAndReceiveDoNotAllocate) {
 
 TEST(SimStore, FullStoreFailsWritesLikeAThinDiskAndKeepsWhatItHas) {
     // 256-block chunks of 512 bytes: a 300 KiB cap holds two of them.
-    Rig r("sim:blocks=4294967296,store=1,storemax=307200");
+    Dev r("sim:blocks=4294967296,store=1,storemax=307200");
     Bytes a(512, 0xA1), b(512, 0xB2), in(512);
-    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 10, 1, 0, &a)), 0);
-    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 0xFFFFFF00, 1, 0, &b)), 0);
-    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 300, 1, 0, &a)), MQB_ERR_CHECK) << "a third chunk passes the cap";
-    Bytes full = fixedSense(0x07, 0x27, 0x07);
-    full[0] = 0xF0, full[5] = 0x01, full[6] = 0x2C;  // INFORMATION 300
-    EXPECT_EQ(lastSense(*r.m), full);
-    EXPECT_EQ(roundTrip(*r.m, rec(WRITE10, 11, 1, 0, &b)), 0) << "an allocated chunk still takes writes";
+    EXPECT_EQ(roundTrip(*r.m, record(kWrite10, 10, 1, 0, &a)), 0);
+    EXPECT_EQ(roundTrip(*r.m, record(kWrite10, 0xFFFFFF00, 1, 0, &b)), 0);
+    EXPECT_EQ(senseOf(*r.m, roundTrip(*r.m, record(kWrite10, 300, 1, 0, &a))), sense(kKeyDataProtect, kSpaceAllocFailed, 300))
+        << "a third chunk passes the cap";
+    EXPECT_EQ(roundTrip(*r.m, record(kWrite10, 11, 1, 0, &b)), 0) << "an allocated chunk still takes writes";
     for (auto [lba, want] : {std::pair<uint32_t, Bytes*>{10, &a}, {0xFFFFFF00, &b}, {11, &b}}) {
-        ASSERT_EQ(roundTrip(*r.m, rec(READ10, lba, 1, 0, &in)), 0);
+        ASSERT_EQ(roundTrip(*r.m, record(kRead10, lba, 1, 0, &in)), 0);
         EXPECT_EQ(in, *want) << lba;
     }
-    std::string err;
-    EXPECT_EQ(mqb::addDevice("sim:storemax=lots", err), -1);
-    EXPECT_EQ(err, "bad value \"lots\" for device text key \"storemax\"");
 }
 
 // Two threads read two stored disks into one buffer at once, as the
 // extension's loops do with their shared read buffer. ThreadSanitizer
 // builds check that the copies are not a data race.
 TEST(SimStore, ThreadsReadingIntoOneSharedBuffer) {
-    Rig a("sim:blocks=1000,store=1"), b("sim:blocks=1000,store=1");
+    Dev a("sim:blocks=1000,store=1"), b("sim:blocks=1000,store=1");
     Bytes fillA(8 * 512, 0x11), fillB(8 * 512, 0x22), shared(8 * 512 + 3);
-    ASSERT_EQ(roundTrip(*a.m, rec(WRITE10, 0, 8, 0, &fillA)), 0);
-    ASSERT_EQ(roundTrip(*b.m, rec(WRITE10, 0, 8, 0, &fillB)), 0);
+    ASSERT_EQ(roundTrip(*a.m, record(kWrite10, 0, 8, 0, &fillA)), 0);
+    ASSERT_EQ(roundTrip(*b.m, record(kWrite10, 0, 8, 0, &fillB)), 0);
     std::atomic<int> failures{0};
-    auto reader = [&](Rig& r, int off) {
-        CDBStruct c = rec(READ10, 0, 8, 0, &shared);
+    auto reader = [&](Dev& r, int off) {
+        CDBStruct c = record(kRead10, 0, 8, 0, &shared);
         c.readBuf = shared.data() + off, c.readLen = 8 * 512;  // unaligned for one of them
         for (int i = 0; i < 2000; ++i) failures += roundTrip(*r.m, c) != 0;
     };
@@ -388,73 +307,67 @@ TEST(SimQueueLatency, DueFromCommitReapWaitsWithinItsTimeout) {
     mqb::SimDisk disk(cfg);
     std::string why;
     std::unique_ptr<mqb::Queue> q = disk.openQueue(4, why);
-    uint8_t cdb[10] = {READ10};
-    mqb::Command c;
-    c.cdb = cdb, c.cdbLen = 10, c.opcode = READ10, c.tl = 1;
+    QCmd c(kRead10, 0, 1);
     mqb::Outcome out[5];
-    for (uint64_t t = 0; t < 4; ++t) ASSERT_EQ(q->submit(c, &out[t], t), 0);
-    EXPECT_EQ(q->submit(c, &out[4], 4), MQB_ERR_QUEUE_FULL);
-    using Clock = std::chrono::steady_clock;
-    std::this_thread::sleep_for(std::chrono::milliseconds(40));  // not at the device yet
+    for (uint64_t t = 0; t < 4; ++t) ASSERT_EQ(q->submit(c.c, &out[t], t), 0);
+    EXPECT_EQ(q->submit(c.c, &out[4], 4), MQB_ERR_QUEUE_FULL);
+    std::this_thread::sleep_for(milliseconds(40));  // not at the device yet
     const auto t0 = Clock::now();
     uint64_t tokens[4];
     EXPECT_EQ(q->reap(tokens, 1, 4, 5000000), 0) << "committed now, due in 30 ms";
-    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(5));
+    EXPECT_GE(Clock::now() - t0, milliseconds(5));
     ASSERT_EQ(q->reap(tokens, 1, 3, -1), 3);
-    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(29));
+    EXPECT_GE(Clock::now() - t0, milliseconds(29));
     EXPECT_EQ(std::vector<uint64_t>(tokens, tokens + 3), (std::vector<uint64_t>{0, 1, 2}));
     EXPECT_EQ(std::make_pair(q->reap(tokens, 0, 4, 0), tokens[0]), std::make_pair(1, uint64_t(3)));
     EXPECT_EQ(q->outstanding(), 0);
     EXPECT_EQ(q->reap(tokens, 1, 4, -1), 0) << "nothing held: no wait";
 }
 
-// A delayed command is held by the channel: later commands pass it, it comes
-// back good after its delay, the delay rule lets the search go on to other
-// rules, and a channel dropped while holding one releases it.
+// A delayed command is held by the channel: later commands pass it, the delay
+// rule lets the search go on to other rules, and a channel dropped while
+// holding one releases it. That it comes back good, after its delay, with its
+// data, is data-3.2 in tests/tcl.
 TEST_F(Sim, DelayFaultHoldsTheCompletionBackInTheChannel) {
-    using Clock = std::chrono::steady_clock;
     Rule d = rule(Rule::Kind::Delay, Rule::Op::Read, 5, 5);
     d.delayUs = 100000;  // far above scheduling noise: the bounds below are half of it
     r.fault(d);
-    ASSERT_EQ(send(m, rec(READ10, 5, 1, 1)), 0);
-    ASSERT_EQ(send(m, rec(READ10, 6, 1, 2)), 0);
+    ASSERT_EQ(send(m, record(kRead10, 5, 1, 1)), 0);
+    ASSERT_EQ(send(m, record(kRead10, 6, 1, 2)), 0);
     const auto t0 = Clock::now();
     ASSERT_EQ(m.receive(), 0);
     EXPECT_EQ(lastTag(m), 2) << "the undelayed command passes the held one";
-    EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(50));
+    EXPECT_LT(Clock::now() - t0, milliseconds(50));
     ASSERT_EQ(m.receive(), 0);
     EXPECT_EQ(lastTag(m), 1);
-    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(100)) << "never before its time";
     EXPECT_EQ(m.receive(), MQB_ERR_NOTHING_OUT);
-    EXPECT_EQ(r.stats().errors, 0u);
 
     r.fault(rule(Rule::Kind::Check, Rule::Op::Read, 5, 5));
-    EXPECT_EQ(roundTrip(m, rec(READ10, 5, 1)), MQB_ERR_CHECK) << "a later rule still fires";
+    EXPECT_EQ(roundTrip(m, record(kRead10, 5, 1)), MQB_ERR_CHECK) << "a later rule still fires";
 
     mqb::clearFaults(r.idx);
     r.fault(d);
     auto c = std::make_unique<MQB>("sim");
     ASSERT_EQ(c->setDeviceIndex(r.idx), 0);
-    ASSERT_EQ(send(*c, rec(READ10, 5, 1, 9)), 0);
-    ASSERT_EQ(send(*c, rec(READ10, 7, 1, 10)), 0);
+    ASSERT_EQ(send(*c, record(kRead10, 5, 1, 9)), 0);
+    ASSERT_EQ(send(*c, record(kRead10, 7, 1, 10)), 0);
     ASSERT_EQ(c->receive(), 0);  // reaps both, holds the delayed one
     c.reset();                   // the held command goes with the channel
     mqb::clearFaults(r.idx);
     const auto t1 = Clock::now();
-    EXPECT_EQ(roundTrip(m, rec(READ10, 5, 1)), 0);
-    EXPECT_LT(Clock::now() - t1, std::chrono::milliseconds(50)) << "no rule: no delay";
+    EXPECT_EQ(roundTrip(m, record(kRead10, 5, 1)), 0);
+    EXPECT_LT(Clock::now() - t1, milliseconds(50)) << "no rule: no delay";
 }
 
 // A 1 ms disk at depth 1: every completion comes at or after its due time,
 // and the median within three times it (a coarse timer or a poll that sleeps
 // whole ticks would miss that; a loaded machine does not).
 TEST(SimQueueLatency, OneMillisecondReadsAreNeverEarlyAndRarelyLate) {
-    Rig r("sim:blocks=100,latency=1000");
-    using Clock = std::chrono::steady_clock;
+    Dev r("sim:blocks=100,latency=1000");
     std::vector<int64_t> us;
     for (int i = 0; i < 200; ++i) {
         const auto t0 = Clock::now();
-        ASSERT_EQ(roundTrip(*r.m, rec(READ10, uint32_t(i % 100), 1)), 0);
+        ASSERT_EQ(roundTrip(*r.m, record(kRead10, uint32_t(i % 100), 1)), 0);
         us.push_back(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count());
     }
     std::sort(us.begin(), us.end());

@@ -23,51 +23,42 @@ extern "C" const char* Tcl_InitStubs(Tcl_Interp* interp, const char* version, in
 namespace {
 Tcl_Interp* g_interp = nullptr;
 
+// A `puts` that keeps what goes to stdout (one argument, or -nonewline and/or
+// stdout before it) in ::__kiv_captured and passes any other call through.
 const char* kCaptureScript = R"tcl(
     rename ::puts ::__kiv_real_puts
     set ::__kiv_captured ""
     proc ::puts {args} {
-        set nl 1
-        if {[lindex $args 0] eq "-nonewline"} { set nl 0; set args [lrange $args 1 end] }
-        if {[llength $args] == 1} {
-            append ::__kiv_captured [lindex $args 0]
-            if {$nl} { append ::__kiv_captured \n }
-            return
-        }
-        if {[llength $args] == 2 && [lindex $args 0] eq "stdout"} {
-            append ::__kiv_captured [lindex $args 1]
-            if {$nl} { append ::__kiv_captured \n }
-            return
-        }
-        if {$nl} { ::__kiv_real_puts {*}$args } else { ::__kiv_real_puts -nonewline {*}$args }
+        set opts [lrange $args 0 end-1]
+        if {[lindex $opts end] eq "stdout"} { set opts [lrange $opts 0 end-1] }
+        if {$opts ni {{} -nonewline}} { return [::__kiv_real_puts {*}$args] }
+        append ::__kiv_captured [lindex $args end] [expr {$opts eq "" ? "\n" : ""}]
     }
 )tcl";
 }  // namespace
 
 Tcl_Interp* testInterp() { return g_interp; }
 
-void startTclCapture(Tcl_Interp* interp) {
-    Tcl_Eval(interp, kCaptureScript);
-}
-
-std::string stopTclCapture(Tcl_Interp* interp) {
-    const char* v = Tcl_GetVar(interp, "__kiv_captured", TCL_GLOBAL_ONLY);
-    std::string out = v ? v : "";
-    Tcl_Eval(interp, "rename ::puts {}; rename ::__kiv_real_puts ::puts; unset -nocomplain ::__kiv_captured");
-    Tcl_ResetResult(interp);
-    return out;
-}
-
 std::string tclOutput(const std::function<void()>& f) {
-    startTclCapture(g_interp);
+    Tcl_Eval(g_interp, kCaptureScript);
     f();
-    return stopTclCapture(g_interp);
+    const char* v = Tcl_GetVar(g_interp, "__kiv_captured", TCL_GLOBAL_ONLY);
+    std::string out = v ? v : "";
+    Tcl_Eval(g_interp, "rename ::puts {}; rename ::__kiv_real_puts ::puts; unset -nocomplain ::__kiv_captured");
+    Tcl_ResetResult(g_interp);
+    return out;
 }
 
 std::string stdoutOf(const std::function<void()>& f) {
     testing::internal::CaptureStdout();
     f();
     return testing::internal::GetCapturedStdout();
+}
+
+std::string stderrOf(const std::function<void()>& f) {
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
 }
 
 std::string makeTempFile() {

@@ -21,8 +21,7 @@ TEST(WindowSize, StartIsClampedAndGrowKeepsToTheScreenRoom) {
     for (const auto& r : rows) {
         KIVWindowSize s = r.sw ? kivWindowGrowSize(r.w, r.h, r.sw, r.sh, r.x, r.y)
                                : kivWindowStartSize(r.w, r.h);
-        EXPECT_EQ(r.wantW, s.width) << r.w << "x" << r.h;
-        EXPECT_EQ(r.wantH, s.height) << r.w << "x" << r.h;
+        EXPECT_EQ(std::make_pair(r.wantW, r.wantH), std::make_pair(s.width, s.height)) << r.w << "x" << r.h;
     }
 }
 
