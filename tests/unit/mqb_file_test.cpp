@@ -272,13 +272,13 @@ TEST_F(FileDev, ACommandHeldForItsBatchReachesTheDiskOnALook) {
     ASSERT_TRUE(be) << err;
     mqb::FileQueue q(static_cast<mqb::FileDisk&>(*be), 4);
     if (!q.async()) GTEST_SKIP() << "the kernel refuses io_uring here";
-    uint8_t rd[10] = {READ10};
+    uint8_t rd[10] = {kRead10};
     Bytes back(3 * 512);
     mqb::Outcome out[3];
     uint64_t t[4];
     for (int i = 0; i < 3; ++i) {
         mqb::Command c;
-        c.cdb = rd, c.cdbLen = 10, c.opcode = READ10, c.lba = uint32_t(i), c.tl = 1;
+        c.cdb = rd, c.cdbLen = 10, c.opcode = kRead10, c.lba = uint32_t(i), c.tl = 1;
         c.readBuf = back.data() + 512 * i, c.readLen = 512;
         ASSERT_EQ(q.submit(c, &out[i], uint64_t(i)), 0);
         ASSERT_EQ(q.commit(), 0);
