@@ -145,6 +145,7 @@ int FileQueue::submit(const Command& cmd, Outcome* out, uint64_t token) {
 #if MQB_HAVE_URING
     if (ringUp_) {
         queueIo(i);
+        ++sinceReap_;
         return MQB_OK;
     }
 #endif
@@ -291,9 +292,16 @@ void FileQueue::queueIo(int) {}
 void FileQueue::takeCqes() {}
 #endif
 
+// The channel commits after each command it sends; the ring is entered once
+// the commands the last reap handed back have all been replaced or kCommitBatch
+// of them wait (else by the next reap, which submits and waits in one call),
+// not once per command. Holding a whole large batch would leave the device
+// short of commands while the caller works through the completions.
 int FileQueue::commit() {
 #if MQB_HAVE_URING
     if (ringUp_ && ring_->enabled && io_uring_sq_ready(&ring_->ring) > 0) {
+        if (sinceReap_ < lastReaped_ && io_uring_sq_ready(&ring_->ring) < kCommitBatch)
+            return MQB_OK;
         // With deferred completions the same call also runs those that came
         // in, so the next reap finds them without entering the kernel.
         io_uring* r = &ring_->ring;
@@ -352,6 +360,8 @@ int FileQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
         tokens[n++] = ops_[i].token;
         free_.give(i);
     }
+    lastReaped_ = n;
+    sinceReap_ = 0;
     return n;
 }
 

@@ -109,6 +109,12 @@ private:
     struct Ring;
     std::unique_ptr<Ring> ring_;
     bool ringUp_ = false;
+    // Commands submitted to the ring since the last reap, and the commands
+    // that reap handed back: commit() holds the new ones until they replace
+    // all of those or kCommitBatch are waiting, so that a batch costs one
+    // system call, or one per kCommitBatch commands.
+    static constexpr unsigned kCommitBatch = 4;
+    int sinceReap_ = 0, lastReaped_ = 0;
     void queueIo(int i);
     void takeCqes();
     // Makes the ring ready for the calling thread; false when there is none.

@@ -45,15 +45,21 @@ uint64_t SimQueue::popHead() {
 }
 
 int SimQueue::reap(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
+    if (latencyNs_ != 0) return reapDue(tokens, min, max, timeoutNs);
+    // Everything submitted is done: no due times, no clock, no wait.
+    int n = 0;
+    while (n < max && !ring_.empty()) tokens[n++] = popHead();
+    committed_ = ring_.size();
+    return n;
+}
+
+// A disk with latency: hands back what is due, sleeping until the earliest
+// command is when fewer than `min` are. Kept apart so that the zero-latency
+// reap above stays a short loop.
+int SimQueue::reapDue(uint64_t* tokens, int min, int max, int64_t timeoutNs) {
     commit();
     if (min > max) min = max;
     int n = 0;
-    if (latencyNs_ == 0) {
-        // Everything committed is done: no clock, no wait.
-        while (n < max && !ring_.empty()) tokens[n++] = popHead();
-        committed_ = ring_.size();
-        return n;
-    }
     const uint64_t start = steadyNs();
     const uint64_t deadline = timeoutNs < 0 ? UINT64_MAX : start + uint64_t(timeoutNs);
     uint64_t now = start;

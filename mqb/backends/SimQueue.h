@@ -29,6 +29,7 @@ private:
     };
     // Hands back the entry at head_ and drops it from the ring.
     uint64_t popHead();
+    [[gnu::noinline]] int reapDue(uint64_t* tokens, int min, int max, int64_t timeoutNs);
     SimDisk& disk_;
     const uint64_t latencyNs_;
     IndexRing<Entry> ring_;  // oldest first

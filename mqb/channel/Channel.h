@@ -113,5 +113,14 @@ struct MQB::Impl {
     void failLane(Lane& l, int status);
     // Counts a lane's uncommitted commands as at the device, and hands them
     // to it unless the caller is about to reap (a reap commits by itself).
-    void commitLane(Lane& l, bool reapFollows);
+    // Inline: it runs once per receive.
+    void commitLane(Lane& l, bool reapFollows) {
+        if (l.uncommitted == 0) return;
+        l.device->enter(*l.counters, uint64_t(l.uncommitted));
+        l.atDevice += l.uncommitted;
+        uncommitted -= l.uncommitted;
+        l.uncommitted = 0;
+        // A failed commit is retried by the next commit or reap.
+        if (!reapFollows) l.queue->commit();
+    }
 };

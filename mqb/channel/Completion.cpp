@@ -16,15 +16,6 @@ using mqb::kQueueCap;
 using Lane = mqb::Lane;
 using Slot = mqb::Slot;
 
-void MQB::Impl::commitLane(Lane& l, bool reapFollows) {
-    if (l.uncommitted == 0) return;
-    l.device->enter(*l.counters, uint64_t(l.uncommitted));
-    l.atDevice += l.uncommitted;
-    uncommitted -= l.uncommitted;
-    l.uncommitted = 0;
-    if (!reapFollows) l.queue->commit();  // a failed commit is retried by the next commit or reap
-}
-
 // The lane of device `d`, opening its queue the first time. Null when the
 // device gives no queue.
 Lane* MQB::Impl::laneOf(mqb::Device* d) {

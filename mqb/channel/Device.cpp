@@ -24,26 +24,15 @@ bool opKind(uint8_t opcode, FaultRule::Op& op) {
 Device::Device(std::string deviceText, std::unique_ptr<Backend> backend)
     : deviceText_(std::move(deviceText)), backend_(std::move(backend)) {}
 
-Device::Admit Device::admit(const Command& c, uint32_t tag, Outcome& out, ChannelCounters& k,
-                             uint32_t* delayUs) {
-    using C = ChannelCounters;
-    C::bump(k.commands);
-    switch (c.opcode) {
-    case scsi::kRead10: C::bump(k.reads); C::bump(k.blocksRead, c.tl); break;
-    case scsi::kWrite10: C::bump(k.writes); C::bump(k.blocksWritten, c.tl); break;
-    case scsi::kWriteVerify10: C::bump(k.wrvs); C::bump(k.blocksWritten, c.tl); break;
-    case scsi::kVerify10: C::bump(k.verifies); break;
-    default: C::bump(k.other); break;
-    }
-    if (slowPath_.load(std::memory_order_acquire)) {
-        std::lock_guard<std::mutex> g(lock_);
-        if (tracing_ && trace_.size() < traceLimit_)
-            trace_.push_back(TraceEntry{c.cdb ? c.cdb[0] : c.opcode, c.lba, c.tl, tag});
-        bool refused = false;
-        if (applyFaults(c, out, refused, delayUs)) {
-            C::bump(k.errors);
-            return refused ? Admit::Refused : Admit::Answered;
-        }
+Device::Admit Device::traceAndFault(const Command& c, uint32_t tag, Outcome& out,
+                                     ChannelCounters& k, uint32_t* delayUs) {
+    std::lock_guard<std::mutex> g(lock_);
+    if (tracing_ && trace_.size() < traceLimit_)
+        trace_.push_back(TraceEntry{c.cdb ? c.cdb[0] : c.opcode, c.lba, c.tl, tag});
+    bool refused = false;
+    if (applyFaults(c, out, refused, delayUs)) {
+        ChannelCounters::bump(k.errors);
+        return refused ? Admit::Refused : Admit::Answered;
     }
     return Admit::Pass;
 }
@@ -96,12 +85,15 @@ bool Device::applyFaults(const Command& c, Outcome& out, bool& refused, uint32_t
     return false;
 }
 
-void Device::enter(ChannelCounters& mine, uint64_t n) {
-    ChannelCounters::bump(mine.atDevice, n);
+uint64_t Device::sumAtDevice() const {
     uint64_t now = 0;
     const int count = nTracked_.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i)
         now += tracked_[i].load(std::memory_order_relaxed)->atDevice.load(std::memory_order_relaxed);
+    return now;
+}
+
+void Device::raisePeak(uint64_t now) {
     uint64_t peak = maxOutstanding_.load(std::memory_order_relaxed);
     while (now > peak &&
            !maxOutstanding_.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {

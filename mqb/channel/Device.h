@@ -63,8 +63,22 @@ public:
     // that fires. With no trace and no faults it takes no lock and does not
     // allocate. Given `delayUs`, a delay rule that fires adds its delay there
     // and the command passes on (the channel holds its completion back).
+    // Inline up to the trace and the faults: it runs once per command.
     Admit admit(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine,
-                uint32_t* delayUs = nullptr);
+                uint32_t* delayUs = nullptr) {
+        using C = ChannelCounters;
+        C::bump(mine.commands);
+        switch (cmd.opcode) {
+        case scsi::kRead10: C::bump(mine.reads); C::bump(mine.blocksRead, cmd.tl); break;
+        case scsi::kWrite10: C::bump(mine.writes); C::bump(mine.blocksWritten, cmd.tl); break;
+        case scsi::kWriteVerify10: C::bump(mine.wrvs); C::bump(mine.blocksWritten, cmd.tl); break;
+        case scsi::kVerify10: C::bump(mine.verifies); break;
+        default: C::bump(mine.other); break;
+        }
+        if (slowPath_.load(std::memory_order_acquire))
+            return traceAndFault(cmd, tag, out, mine, delayUs);
+        return Admit::Pass;
+    }
 
     // A counter set for one channel (a free one reused, else a new one that
     // lives as long as the device); the channel gives it back when it goes.
@@ -75,7 +89,15 @@ public:
     // collected back), kept per channel; enter() sums every channel's count
     // for the device's peak. Neither takes a lock or a locked instruction
     // (the peak's compare-and-swap runs only when a new peak is seen).
-    void enter(ChannelCounters& mine, uint64_t n);
+    void enter(ChannelCounters& mine, uint64_t n) {
+        ChannelCounters::bump(mine.atDevice, n);
+        if (nTracked_.load(std::memory_order_acquire) == 1) {  // this channel alone: no sum
+            const uint64_t now = mine.atDevice.load(std::memory_order_relaxed);
+            if (now > maxOutstanding_.load(std::memory_order_relaxed)) raisePeak(now);
+        } else {
+            raisePeak(sumAtDevice());
+        }
+    }
     void leave(ChannelCounters& mine, uint64_t n) { ChannelCounters::bump(mine.atDevice, uint64_t(0) - n); }
 
     Backend& backend() { return *backend_; }
@@ -119,6 +141,13 @@ public:
 
 private:
     using Counter = std::atomic<uint64_t>;
+    // admit() with a trace or fault rules set: under lock_.
+    Admit traceAndFault(const Command& cmd, uint32_t tag, Outcome& out, ChannelCounters& mine,
+                        uint32_t* delayUs);
+    // The commands at the device over every tracked channel.
+    uint64_t sumAtDevice() const;
+    // Makes `now` the peak when it is above it.
+    void raisePeak(uint64_t now);
     bool applyFaults(const Command& cmd, Outcome& out, bool& refused, uint32_t* delayUs);  // lock_ held
     void updateSlowPath();                                              // lock_ held
 

@@ -48,10 +48,16 @@ inline uint32_t decodeRecord(const unsigned char* record, uint8_t cdb[16], Comma
     c.cdbLen = record[mqbrec::kCdbLen];
     // What the command does: a 16-byte data command as its 10-byte kind (the
     // CDB keeps what was sent, for the trace and the pass-through devices).
-    c.opcode = scsi::dataFamily(cdb[0]);
-    if (!scsi::getDataCdb(cdb, c.cdbLen, c.lba, c.tl)) {
-        c.opcode = cdb[0];  // not a data command, or a CDB short of its form
-        scsi::lbaAndLength(cdb, c.cdbLen, c.lba, c.tl);
+    if (scsi::isData10(cdb[0]) && c.cdbLen >= 10) {  // the usual command, read directly
+        c.opcode = cdb[0];
+        c.lba = scsi::be32(cdb + 2);
+        c.tl = scsi::be16(cdb + 7);
+    } else {
+        c.opcode = scsi::dataFamily(cdb[0]);
+        if (!scsi::getDataCdb(cdb, c.cdbLen, c.lba, c.tl)) {
+            c.opcode = cdb[0];  // not a data command, or a CDB short of its form
+            scsi::lbaAndLength(cdb, c.cdbLen, c.lba, c.tl);
+        }
     }
     c.readBuf = ldPtr<uint8_t>(record + mqbrec::kReadBuf);
     c.readLen = ld64(record + mqbrec::kReadLen);

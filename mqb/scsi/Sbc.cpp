@@ -65,10 +65,8 @@ Transfer dataTransfer(const Command& c) {
     return t;
 }
 
-bool checkRange(const Command& c, uint64_t blocks, Outcome& out) {
-    if (c.lba < blocks && (c.tl == 0 || c.lba + c.tl - 1 < blocks)) return true;
+void outOfRange(Outcome& out) {
     buildFixedSense(out, scsi::kKeyIllegalRequest, scsi::kLbaOutOfRange);
-    return false;
 }
 
 void readCapacity(const Command& c, uint64_t blocks, uint32_t blockSize) {

@@ -263,3 +263,32 @@ TEST_F(FileDev, AnotherThreadTakesTheQueueOver) {
     EXPECT_EQ(again.status, 0);
     EXPECT_EQ(Bytes(back.begin() + 1, back.end()), data);
 }
+
+// A command sent after a reap may wait in the queue until it has replaced all
+// that reap handed back; a reap that only looks (min 0) still hands it over.
+TEST_F(FileDev, ACommandHeldForItsBatchReachesTheDiskOnALook) {
+    std::string err;
+    std::unique_ptr<mqb::Backend> be = mqb::FileDisk::open(path, err);
+    ASSERT_TRUE(be) << err;
+    mqb::FileQueue q(static_cast<mqb::FileDisk&>(*be), 4);
+    if (!q.async()) GTEST_SKIP() << "the kernel refuses io_uring here";
+    uint8_t rd[10] = {kRead10};
+    Bytes back(3 * 512);
+    mqb::Outcome out[3];
+    uint64_t t[4];
+    for (int i = 0; i < 3; ++i) {
+        mqb::Command c;
+        c.cdb = rd, c.cdbLen = 10, c.opcode = kRead10, c.lba = uint32_t(i), c.tl = 1;
+        c.readBuf = back.data() + 512 * i, c.readLen = 512;
+        ASSERT_EQ(q.submit(c, &out[i], uint64_t(i)), 0);
+        ASSERT_EQ(q.commit(), 0);
+        if (i == 1) {
+            ASSERT_EQ(q.reap(t, 2, 4, 2000000000), 2);
+        }
+    }
+    int got = 0;
+    for (int k = 0; k < 2000 && (got = q.reap(t, 0, 4, 0)) == 0; ++k) usleep(1000);
+    ASSERT_EQ(got, 1) << "the command sent after the reap never reached the kernel";
+    EXPECT_EQ(t[0], 2u);
+    EXPECT_EQ(out[2].status, 0);
+}
