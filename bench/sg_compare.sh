@@ -2,8 +2,10 @@
 # sg_compare.sh: kiv's sg backend beside fio's sg engine and sgp_dd on the same
 # scsi_debug disk (128 MiB in RAM, delay=0), inside the QEMU guest of
 # tests/vm/run: 4 KiB reads at queue depth 1, 16 and 32, each tool for
-# SECONDS, one after the other in one boot, with the ratios kiv/fio and
-# kiv/sgp_dd. fio's sg engine keeps one descriptor, which holds 16 commands
+# SECONDS, one after the other in one boot, ROUNDS times per depth (kiv first
+# in odd rounds, last in even ones), with the median commands per second of
+# each and the median of the per-round ratios kiv/fio and kiv/sgp_dd with
+# their min and max. fio's sg engine keeps one descriptor, which holds 16 commands
 # (SG_MAX_QUEUE): past that it stalls, hence the row at 16.
 # The guest runs under TCG emulation, so the absolute figures say little; the
 # ratios are the result.
@@ -15,7 +17,8 @@
 #           over the whole disk, commands over its own transfer time. sgp_dd
 #           reads in order (it has no random mode); on scsi_debug's RAM store
 #           the order costs nothing.
-#   usage: bench/sg_compare.sh [BUILD_DIR] [SECONDS]   (default: build 5)
+#   usage: bench/sg_compare.sh [BUILD_DIR] [SECONDS] [ROUNDS]
+#          (default: build 5 3; ROUNDS also taken from $ROUNDS)
 set -u
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -24,14 +27,16 @@ src=$(dirname "$here")
 if [ "${1:-}" != --in-vm ]; then
     build=$(cd "${1:-build}" && pwd) || exit 1
     secs=${2:-5}
+    rounds=${3:-${ROUNDS:-3}}
     [ -x "$build/kivsh" ] || { echo "no $build/kivsh: build the kivsh target first" >&2; exit 77; }
-    KIV_BUILD_DIR=$build exec "$src/tests/vm/run" -p "delay=0 dev_size_mb=128" -t 600 -C /tmp -- \
-        bash "$here/sg_compare.sh" --in-vm "$build" "$secs"
+    KIV_BUILD_DIR=$build exec "$src/tests/vm/run" -p "delay=0 dev_size_mb=128" -t $((600 + rounds * secs * 12)) -C /tmp -- \
+        bash "$here/sg_compare.sh" --in-vm "$build" "$secs" "$rounds"
 fi
 
 # --- in the guest ---
 build=$2
 secs=$3
+rounds=$4
 work=$(mktemp -d /tmp/sgbench.XXXXXX)
 dev=/dev/sg0
 blocks=$(( $(cat /sys/class/scsi_generic/sg0/device/block/*/size) ))  # 512-byte units
@@ -68,15 +73,29 @@ sgpddrate() {  # QD -> IOPS over the whole disk
 }
 
 ratio() { awk -v k="$1" -v p="$2" 'BEGIN { if (k > 0 && p > 0) printf "%.2f", k / p; else print "-" }'; }
+median() { tr ' ' '\n' | grep -v -e '^-$' -e '^$' | sort -g | awk '{ v[NR] = $1 } END { if (NR) print v[int((NR + 1) / 2)]; else print "-" }'; }
+spread() {  # numbers -> "MEDIAN [MIN-MAX]"
+    tr ' ' '\n' | grep -v -e '^-$' -e '^$' | sort -g |
+        awk '{ v[NR] = $1 } END { if (NR) printf "%s [%s-%s]", v[int((NR + 1) / 2)], v[1], v[NR]; else print "-" }'
+}
 
-printf '%-22s %10s %10s %10s %9s %9s\n' "4 KiB reads, sg" kiv fio sgp_dd kiv/fio kiv/sgp_dd
+echo "$rounds rounds of $secs s per tool; ratio = kiv / peer per round: median [min-max]"
+printf '%-20s %8s %8s %8s %-18s %-18s\n' "4 KiB reads, sg" kiv fio sgp_dd kiv/fio kiv/sgp_dd
 for qd in 1 16 32; do
-    read -r k e m < <(kivrate "$qd")
-    f=$(fiorate "$qd")
-    p=$(sgpddrate "$qd")
-    [ "${e:-0}" = 0 ] || echo "kiv reported $e errors at qd $qd" >&2
-    printf '%-22s %10s %10s %10s %9s %9s\n' "qd $qd (kiv max $m)" "${k:--}" "${f:--}" "${p:--}" \
-        "$(ratio "${k:-0}" "${f:-0}")" "$(ratio "${k:-0}" "${p:-0}")"
+    ks=() fs=() ps=() rf=() rp=() m=-
+    for ((r = 1; r <= rounds; r++)); do
+        if ((r % 2)); then
+            read -r k e m < <(kivrate "$qd"); f=$(fiorate "$qd"); p=$(sgpddrate "$qd")
+        else
+            p=$(sgpddrate "$qd"); f=$(fiorate "$qd"); read -r k e m < <(kivrate "$qd")
+        fi
+        [ "${e:-0}" = 0 ] || echo "kiv reported $e errors at qd $qd" >&2
+        ks+=("${k:--}") fs+=("${f:--}") ps+=("${p:--}")
+        rf+=("$(ratio "${k:-0}" "${f:-0}")") rp+=("$(ratio "${k:-0}" "${p:-0}")")
+    done
+    printf '%-20s %8s %8s %8s %-18s %-18s\n' "qd $qd (kiv max $m)" "$(echo "${ks[*]}" | median)" \
+        "$(echo "${fs[*]}" | median)" "$(echo "${ps[*]}" | median)" "$(echo "${rf[*]}" | spread)" \
+        "$(echo "${rp[*]}" | spread)"
 done
 echo "(commands per second in a TCG guest: compare the ratios, not the figures)"
 rm -rf "$work"
