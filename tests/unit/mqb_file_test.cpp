@@ -65,6 +65,14 @@ struct FileDev : ::testing::Test {
     MQB* m = d.dev.m.get();
     const int fd = d.file.fd;
     const std::string& path = d.file.path;
+    // A queue of `depth` slots straight on a second opening of the file.
+    std::unique_ptr<mqb::Backend> be;
+    std::unique_ptr<mqb::FileQueue> openQueue(int depth, bool useRing = true) {
+        std::string err;
+        be = mqb::FileDisk::open(path, err);
+        EXPECT_TRUE(be) << err;
+        return be ? std::make_unique<mqb::FileQueue>(static_cast<mqb::FileDisk&>(*be), depth, useRing) : nullptr;
+    }
 };
 }  // namespace
 
@@ -187,10 +195,9 @@ TEST(LoopDev, BlockDeviceGeometryDataAndCompare) {
 
 // Without io_uring every command runs inside submit(), with the same answers.
 TEST_F(FileDev, SynchronousFallbackGivesTheSameAnswers) {
-    std::string err;
-    std::unique_ptr<mqb::Backend> be = mqb::FileDisk::open(path, err);
-    ASSERT_TRUE(be) << err;
-    mqb::FileQueue q(static_cast<mqb::FileDisk&>(*be), 4, false);
+    auto queue = openQueue(4, false);
+    ASSERT_TRUE(queue);
+    mqb::FileQueue& q = *queue;
     ASSERT_FALSE(q.async());
     Bytes data = pattern(20 * 512, 1), back(20 * 512 + 1), bad(data);
     bad[7 * 512] ^= 1;
@@ -219,10 +226,9 @@ TEST_F(FileDev, SynchronousFallbackGivesTheSameAnswers) {
 // their ring could not be waited on from there) instead of hanging it; and
 // the queue goes on moving real data.
 TEST_F(FileDev, AnotherThreadTakesTheQueueOver) {
-    std::string err;
-    std::unique_ptr<mqb::Backend> be = mqb::FileDisk::open(path, err);
-    ASSERT_TRUE(be) << err;
-    mqb::FileQueue q(static_cast<mqb::FileDisk&>(*be), 8);
+    auto queue = openQueue(8);
+    ASSERT_TRUE(queue);
+    mqb::FileQueue& q = *queue;
     if (!q.async()) GTEST_SKIP() << "the kernel refuses io_uring here";
     Bytes data = pattern(8 * 512, 4), back(8 * 512 + 1);
     constexpr int64_t kWait = 2000000000;  // a hang fails in 2 s
@@ -267,10 +273,9 @@ TEST_F(FileDev, AnotherThreadTakesTheQueueOver) {
 // A command sent after a reap may wait in the queue until it has replaced all
 // that reap handed back; a reap that only looks (min 0) still hands it over.
 TEST_F(FileDev, ACommandHeldForItsBatchReachesTheDiskOnALook) {
-    std::string err;
-    std::unique_ptr<mqb::Backend> be = mqb::FileDisk::open(path, err);
-    ASSERT_TRUE(be) << err;
-    mqb::FileQueue q(static_cast<mqb::FileDisk&>(*be), 4);
+    auto queue = openQueue(4);
+    ASSERT_TRUE(queue);
+    mqb::FileQueue& q = *queue;
     if (!q.async()) GTEST_SKIP() << "the kernel refuses io_uring here";
     uint8_t rd[10] = {kRead10};
     Bytes back(3 * 512);
