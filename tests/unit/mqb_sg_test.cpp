@@ -20,7 +20,6 @@ TEST(SgMap, StatusHostAndDriverCodes) {
         {"good", 0x00, 0, 0, 0, 0, MQB_OK},
         {"check, 18 bytes of sense", 0x02, 0x01, 0, 0x08, 18, MQB_ERR_CHECK},
         {"check via masked_status only", 0x00, 0x01, 0, 0x08, 32, MQB_ERR_CHECK},
-        {"check, 96 bytes of descriptor sense", 0x02, 0x01, 0, 0x08, 96, MQB_ERR_CHECK},
         {"check, sense clamped to 252", 0x02, 0x01, 0, 0x08, 255, MQB_ERR_CHECK},
         {"check without sense", 0x02, 0x01, 0, 0, 0, MQB_ERR_IO},
         {"host DID_TIME_OUT", 0x00, 0, 0x03, 0, 0, MQB_ERR_TIMEOUT},
@@ -28,7 +27,6 @@ TEST(SgMap, StatusHostAndDriverCodes) {
         {"busy", 0x08, 0x04, 0, 0, 0, MQB_ERR_BUSY},
         {"task set full", 0x28, 0x14, 0, 0, 0, MQB_ERR_BUSY},
         {"reservation conflict", 0x18, 0x0C, 0, 0, 0, MQB_ERR_IO},
-        {"task aborted", 0x40, 0x20, 0, 0, 0, MQB_ERR_IO},
         {"host DID_NO_CONNECT despite check", 0x02, 0x01, 0x01, 0x08, 18, MQB_ERR_IO},
         {"driver error", 0x00, 0, 0, 0x04, 0, MQB_ERR_IO},
     };
