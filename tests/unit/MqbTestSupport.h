@@ -1,8 +1,6 @@
-// MqbTestSupport.h: what the device library's tests share: files that go with
-// a test, a device added from its device text with a channel on it, the data
-// mode, commands for a backend's queue and reaping them, our sense answers,
-// and data patterns; in cdbtest, the channel's command records and the sense
-// a channel hands back.
+// MqbTestSupport.h: what the device library's tests share: temporary files,
+// devices with a channel on them, commands for a channel (cdbtest) or a
+// backend's queue, the sense answers we expect, and data patterns.
 #pragma once
 #include <gtest/gtest.h>
 #include <fcntl.h>
@@ -70,8 +68,8 @@ using namespace scsi;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// A new file made from `tmpl` (ending in XXXXXX) of `bytes` bytes, open
-// read-write in `fd`; closed and unlinked with the object.
+// A new file of `bytes` bytes from `tmpl` (ending in XXXXXX), open in `fd`
+// and unlinked with the object.
 struct TempFile {
     std::string path;
     int fd = -1;
@@ -106,9 +104,8 @@ struct Dev {
     void fault(const mqb::FaultRule& r) { std::string e; EXPECT_GT(mqb::addFault(idx, r, e), 0) << e; }
 };
 
-// A file device of `blocks` blocks of 512 bytes in a new file made from `tmpl`,
-// `opts` added to its device text (under /var/tmp by default: /tmp may not
-// take O_DIRECT); the channel goes before the file.
+// A file device of `blocks` 512-byte blocks in a new file from `tmpl` (/var/tmp:
+// /tmp may not take O_DIRECT), `opts` added; the channel goes before the file.
 struct FileDevice {
     TempFile file;
     Dev dev;
@@ -117,10 +114,8 @@ struct FileDevice {
         : file(tmpl, off_t(blocks * 512)), dev("file:" + file.path + opts) {}
 };
 
-// One data command for a backend's queue with its CDB and outcome: `op` (a
-// 10-byte opcode) at `lba` for `tl` blocks, `flags` in CDB byte 1; `buf` is its
-// data-in buffer for a READ, else its data-out one. Not copied: `c` points
-// into it.
+// One data command for a backend's queue with its CDB and outcome; `buf` is
+// the data-in buffer of a READ, else data-out. Not copied: `c` points into it.
 struct QCmd {
     uint8_t cdb[16] = {};
     mqb::Command c;
