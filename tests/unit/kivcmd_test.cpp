@@ -18,19 +18,16 @@ namespace {
 class KivCommand : public ::testing::Test {
 protected:
     static inline MQBManager* mgr = nullptr;
-    static inline int plainDev = -1, lazyDev = -1;
 
     static void SetUpTestSuite() {
         std::string err;
-        plainDev = mqb::addDevice("sim:blocks=100000", err);
-        lazyDev = mqb::addDevice("sim:blocks=100000,lazybs=1", err);
+        int dev = mqb::addDevice("sim:blocks=100000", err);
+        ASSERT_GE(dev, 0) << err;
         mgr = new MQBManager();
         mgr->setCurrentMQB(std::unique_ptr<MQB>(createMQB("sim", 0, 0, 0)));
-        ASSERT_TRUE(plainDev >= 0 && lazyDev >= 0) << err;
+        mgr->getCurrentMQB()->setDeviceIndex(dev);
         ASSERT_EQ(run(mgr, nullptr, testInterp()), 0);
     }
-    void SetUp() override { use(plainDev); }
-    void use(int dev) { mgr->getCurrentMQB()->setDeviceIndex(dev); }
 
     // Runs "kiv <args>", expects code `rc` and nothing printed through puts (a
     // run started); returns the result.
@@ -63,33 +60,14 @@ TEST_F(KivCommand, OptionsReachTheirFields) {
     }
 }
 
-// The caps themselves show on the parameter report (tests/tcl kiv-1.1, kiv-2.1).
-TEST_F(KivCommand, LazyBlockSizeIsReadOnceByReadCapacity) {
-    use(lazyDev);
-    mqb::traceStart(lazyDev, 0);
-    kiv("-translen 2:4000 -help");
-    mqb::traceStop(lazyDev);
-    std::vector<mqb::TraceEntry> trace;
-    mqb::traceGet(lazyDev, trace);
-    EXPECT_TRUE(trace.size() == 1 && trace[0].opcode == 0x25) << trace.size() << " commands";
-}
-
-// The messages are checked in tests/tcl (kiv-2.1, run-3.1); here, what a
-// refusal leaves in the configuration.
-TEST_F(KivCommand, RefusalsLeaveTheLastGoodSettings) {
-    kiv("-qd 3 -r10 10 -w10 90 -help");
-    control.running = true;
-    kiv("-qd 9 -help", TCL_ERROR);
-    control.running = false;
-    EXPECT_EQ(control.qDepth, 3);
-    // A refused mix keeps the percentages of the last call that passed the check.
+// The messages are checked in tests/tcl (kiv-2.1); here, that a refused mix
+// keeps the percentages of the last call that passed the check, which carry over
+// to the next kiv call.
+TEST_F(KivCommand, RefusedMixKeepsTheLastGoodPercentages) {
+    kiv("-r10 10 -w10 90 -help");
     kiv("-r10 100 -r10 60", TCL_ERROR);
     kiv("-r10 50 -w10 5x", TCL_ERROR);
     EXPECT_EQ(control.readPct * 1000 + control.writePct, 10090);
-    // A later word equal to a percentage option, even as a value, defers the check.
-    control.readPct = 7;
-    kiv("-r10 50 -logstats -w10 -help");
-    EXPECT_EQ(control.readPct, 7);
 }
 
 }  // namespace

