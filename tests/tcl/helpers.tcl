@@ -43,7 +43,6 @@ proc exitCode {code opts} {
     expr {!$code ? 0 : [lindex $ec 0] in {CHILDSTATUS CHILDKILLED} ? [lindex $ec 2] : -1}
 }
 
-# A fresh temporary file path inside the test directory.
 proc tmpPath {name} {
     return [file join [tcltest::temporaryDirectory] kiv-[pid]-$name]
 }
@@ -75,7 +74,7 @@ proc copyBlock {src from dst to} {
 
 # A user-space tgtd on 127.0.0.1 (tests/tgt_fixture.sh) with `luns` LUNs of
 # `mb` MiB in a fresh directory: returns {dir url} (the URL of LUN 1), or fails
-# with the fixture's reason when tgtd cannot be had. tgtStop ends it.
+# with the fixture's reason when tgtd cannot be had. `tgtDo stop` ends it.
 proc tgtStart {name {luns 1} {mb 64}} {
     set dir [tmpPath tgt-$name]
     if {[catch {exec [tgtScript] start $dir $mb $luns 2>@1} url]} {
