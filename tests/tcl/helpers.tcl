@@ -29,11 +29,10 @@ proc capture {script} {
 # what the process itself writes (formatted printing, not Tcl puts).
 proc kivshChild {script {timeout 120}} {
     set f [file join [tcltest::temporaryDirectory] child-[pid]-[clock clicks].tcl]
-    set fd [open $f w]; puts $fd $script; close $fd
-    set errf $f.err
-    set code [catch {exec timeout $timeout $::kivsh $f 2> $errf} out opts]
-    set err [readFile $errf]
-    file delete -force $f $errf
+    writeFile $f $script
+    set code [catch {exec timeout $timeout $::kivsh $f 2> $f.err} out opts]
+    set err [readFile $f.err]
+    file delete -force $f $f.err
     return [list [exitCode $code $opts] $out $err]
 }
 # The exit code of a finished exec (0 when it succeeded), or the name of the

@@ -8,7 +8,6 @@ set testFile [lindex $argv 0]
 configure -verbose {pass skip error} -testdir [file dirname $testFile]
 if {[info exists ::env(KIV_TCLTEST_MATCH)]} { configure -match $::env(KIV_TCLTEST_MATCH) }
 
-# Constraints shared by every file.
 testConstraint sim [expr {[info commands mqb] ne ""}]
 testConstraint tk [expr {[info commands winfo] ne "" && [catch {winfo screen .}] == 0}]
 testConstraint notk [expr {![testConstraint tk]}]
