@@ -23,9 +23,8 @@ int cmdLatency(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     enum class Sub { On, Off, Reset, Buckets, Figures };
     static const Named<Sub> subs[] = {
         {"on", Sub::On}, {"off", Sub::Off}, {"-reset", Sub::Reset}, {"-buckets", Sub::Buckets}, {nullptr, Sub::Figures}};
-    if (objc != 3 && objc != 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX ?on|off|-reset|-buckets?"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    if (deviceArgs(interp, objc, objv, 3, 4, "IDX ?on|off|-reset|-buckets?", idx) != TCL_OK) return TCL_ERROR;
     Sub which = Sub::Figures;
     if (objc == 4 && lookup(interp, objv[3], subs, "latency option", which) != TCL_OK)
         return TCL_ERROR;
@@ -81,11 +80,10 @@ int cmdJournal(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     enum class Sub { Save, Load, Info };
     static const Named<Sub> subs[] = {
         {"save", Sub::Save}, {"load", Sub::Load}, {"info", Sub::Info}, {nullptr, Sub::Save}};
-    if (objc < 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX save|load FILE | IDX info"); return TCL_ERROR; }
     int idx;
     Sub which;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
-    if (lookup(interp, objv[3], subs, "journal subcommand", which) != TCL_OK)
+    if (deviceSubcommand(interp, objc, objv, "IDX save|load FILE | IDX info", subs, "journal subcommand", idx, which)
+        != TCL_OK)
         return TCL_ERROR;
     if (objc != (which == Sub::Info ? 4 : 5)) {
         Tcl_WrongNumArgs(interp, 4, objv, which == Sub::Info ? nullptr : "FILE");

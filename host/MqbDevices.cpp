@@ -30,9 +30,8 @@ int cmdDevices(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 }
 
 int cmdInfo(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 3) { Tcl_WrongNumArgs(interp, 2, objv, "IDX"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    if (deviceArgs(interp, objc, objv, 3, 3, "IDX", idx) != TCL_OK) return TCL_ERROR;
     mqb::DeviceSummary s;
     if (!mqb::deviceSummary(idx, s)) return fail(interp, "no such device " + std::to_string(idx));
     Tcl_Obj* d = Tcl_NewDictObj();
@@ -50,9 +49,8 @@ int cmdInfo(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 }
 
 int cmdLock(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 3 && objc != 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX ?BOOL?"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    if (deviceArgs(interp, objc, objv, 3, 4, "IDX ?BOOL?", idx) != TCL_OK) return TCL_ERROR;
     if (objc == 4) {
         int b;
         if (Tcl_GetBooleanFromObj(interp, objv[3], &b) != TCL_OK) return TCL_ERROR;
@@ -65,9 +63,8 @@ int cmdLock(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 }
 
 int cmdStats(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 3) { Tcl_WrongNumArgs(interp, 2, objv, "IDX"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    if (deviceArgs(interp, objc, objv, 3, 3, "IDX", idx) != TCL_OK) return TCL_ERROR;
     mqb::DeviceStats s;
     if (!mqb::stats(idx, s)) return fail(interp, "no such device " + std::to_string(idx));
     Tcl_Obj* d = Tcl_NewDictObj();
@@ -98,11 +95,10 @@ int cmdTrace(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     enum class Sub { Start, Stop, Get, Clear };
     static const Named<Sub> subs[] = {
         {"start", Sub::Start}, {"stop", Sub::Stop}, {"get", Sub::Get}, {"clear", Sub::Clear}, {nullptr, Sub::Get}};
-    if (objc < 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX start ?LIMIT?|stop|get|clear"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
     Sub which;
-    if (lookup(interp, objv[3], subs, "trace subcommand", which) != TCL_OK)
+    if (deviceSubcommand(interp, objc, objv, "IDX start ?LIMIT?|stop|get|clear", subs, "trace subcommand", idx, which)
+        != TCL_OK)
         return TCL_ERROR;
     if (objc > (which == Sub::Start ? 5 : 4)) {
         Tcl_WrongNumArgs(interp, 4, objv, which == Sub::Start ? "?LIMIT?" : nullptr);
@@ -139,9 +135,8 @@ int cmdTrace(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 }
 
 int cmdReset(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 3) { Tcl_WrongNumArgs(interp, 2, objv, "IDX"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
+    if (deviceArgs(interp, objc, objv, 3, 3, "IDX", idx) != TCL_OK) return TCL_ERROR;
     mqb::reset(idx);
     Tcl_ResetResult(interp);
     return TCL_OK;

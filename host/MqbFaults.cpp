@@ -200,11 +200,10 @@ Tcl_Obj* describeRule(Tcl_Interp* interp, const mqb::FaultRule& r) {
 int cmdFault(KivHost*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     enum class Sub { Add, Clear, List };
     static const Named<Sub> subs[] = {{"add", Sub::Add}, {"clear", Sub::Clear}, {"list", Sub::List}, {nullptr, Sub::List}};
-    if (objc < 4) { Tcl_WrongNumArgs(interp, 2, objv, "IDX add|clear|list ?options?"); return TCL_ERROR; }
     int idx;
-    if (getDevice(interp, objv[2], idx) != TCL_OK) return TCL_ERROR;
     Sub which;
-    if (lookup(interp, objv[3], subs, "fault subcommand", which) != TCL_OK)
+    if (deviceSubcommand(interp, objc, objv, "IDX add|clear|list ?options?", subs, "fault subcommand", idx, which)
+        != TCL_OK)
         return TCL_ERROR;
     if (which == Sub::Add) {
         mqb::FaultRule rule;

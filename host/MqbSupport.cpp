@@ -39,6 +39,15 @@ int getDevice(Tcl_Interp* interp, Tcl_Obj* obj, int& idx) {
     return TCL_OK;
 }
 
+int deviceArgs(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], int minObjc, int maxObjc, const char* usage,
+               int& idx) {
+    if (objc < minObjc || objc > maxObjc) {
+        Tcl_WrongNumArgs(interp, 2, objv, usage);
+        return TCL_ERROR;
+    }
+    return getDevice(interp, objv[2], idx);
+}
+
 // Reads a non-negative wide integer no larger than `max`; `what` names it in
 // the error message.
 int getCount(Tcl_Interp* interp, Tcl_Obj* obj, const char* what, Tcl_WideInt max, Tcl_WideInt& out) {

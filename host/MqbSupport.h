@@ -4,6 +4,7 @@
 // in MqbCommand.cpp.
 #pragma once
 #include <tcl.h>
+#include <climits>
 #include <cstdint>
 #include <string>
 
@@ -23,6 +24,11 @@ void dictPut(Tcl_Interp* interp, Tcl_Obj* d, const char* key, Tcl_Obj* value);
 // Reads a device index of the table: TCL_OK with `idx` set, or TCL_ERROR with
 // "no such device N".
 int getDevice(Tcl_Interp* interp, Tcl_Obj* obj, int& idx);
+// Reads the device index of `mqb NAME IDX ...` from objv[2] once objc lies in
+// [minObjc, maxObjc]: TCL_OK with `idx` set, else TCL_ERROR with Tcl's
+// "wrong # args" message (ending in `usage`) or getDevice's.
+int deviceArgs(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], int minObjc, int maxObjc, const char* usage,
+               int& idx);
 // Reads a wide integer 0..max; `what` names it in the error message.
 int getCount(Tcl_Interp* interp, Tcl_Obj* obj, const char* what, Tcl_WideInt max, Tcl_WideInt& out);
 
@@ -52,6 +58,16 @@ int lookup(Tcl_Interp* interp, Tcl_Obj* obj, const Named<E>* table, const char* 
         return TCL_ERROR;
     out = table[i].value;
     return TCL_OK;
+}
+
+// Reads `mqb NAME IDX SUB ...`: the device index, then the subcommand looked
+// up in `subs` (`what` names it in the message for a bad one). TCL_OK with
+// `idx` and `which` set.
+template <typename E>
+int deviceSubcommand(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[], const char* usage, const Named<E>* subs,
+                     const char* what, int& idx, E& which) {
+    if (deviceArgs(interp, objc, objv, 4, INT_MAX, usage, idx) != TCL_OK) return TCL_ERROR;
+    return lookup(interp, objv[3], subs, what, which);
 }
 
 MQB* currentChannel(KivHost* host);
