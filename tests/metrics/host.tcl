@@ -1,11 +1,10 @@
 # host.tcl DIR: one "host" of the Prometheus fixture, run by kivsh --metrics
-# 127.0.0.1:0. Adds its simulated disk (whose latency bounds its rate) and
-# then writes the address it serves to DIR.addr, so the disk's series are
-# scraped at zero before the run. Waits for the file go beside DIR, runs an 11 s
-# test, takes one scrape of its own endpoint mid-run (DIR.scrape), and keeps
-# `mqb stats` command counts with their times ("ms commands" lines,
-# DIR.samples) four times a second. At the end writes its `mqb latency` read
-# p99 to DIR.out and stays up for a last scrape.
+# 127.0.0.1:0. Adds its simulated disk (whose latency bounds its rate), writes
+# its address to DIR.addr (its series are scraped at zero before the run), waits
+# for the file go beside DIR, runs an 11 s test with one scrape of its own
+# mid-run (DIR.scrape) and "ms commands" lines of `mqb stats` four times a
+# second (DIR.samples); then writes its read p99 to DIR.out and stays up for a
+# last scrape.
 package require http
 set dir [lindex $argv 0]
 set d [mqb add sim:blocks=1000000,latency=2000]

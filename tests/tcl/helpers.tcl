@@ -29,11 +29,10 @@ proc capture {script} {
 # what the process itself writes (formatted printing, not Tcl puts).
 proc kivshChild {script {timeout 120}} {
     set f [file join [tcltest::temporaryDirectory] child-[pid]-[clock clicks].tcl]
-    set fd [open $f w]; puts $fd $script; close $fd
-    set errf $f.err
-    set code [catch {exec timeout $timeout $::kivsh $f 2> $errf} out opts]
-    set err [readFile $errf]
-    file delete -force $f $errf
+    writeFile $f $script
+    set code [catch {exec timeout $timeout $::kivsh $f 2> $f.err} out opts]
+    set err [readFile $f.err]
+    file delete -force $f $f.err
     return [list [exitCode $code $opts] $out $err]
 }
 # The exit code of a finished exec (0 when it succeeded), or the name of the
@@ -43,7 +42,6 @@ proc exitCode {code opts} {
     expr {!$code ? 0 : [lindex $ec 0] in {CHILDSTATUS CHILDKILLED} ? [lindex $ec 2] : -1}
 }
 
-# A fresh temporary file path inside the test directory.
 proc tmpPath {name} {
     return [file join [tcltest::temporaryDirectory] kiv-[pid]-$name]
 }
@@ -75,7 +73,7 @@ proc copyBlock {src from dst to} {
 
 # A user-space tgtd on 127.0.0.1 (tests/tgt_fixture.sh) with `luns` LUNs of
 # `mb` MiB in a fresh directory: returns {dir url} (the URL of LUN 1), or fails
-# with the fixture's reason when tgtd cannot be had. tgtStop ends it.
+# with the fixture's reason when tgtd cannot be had. `tgtDo stop` ends it.
 proc tgtStart {name {luns 1} {mb 64}} {
     set dir [tmpPath tgt-$name]
     if {[catch {exec [tgtScript] start $dir $mb $luns 2>@1} url]} {

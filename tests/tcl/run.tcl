@@ -8,7 +8,6 @@ set testFile [lindex $argv 0]
 configure -verbose {pass skip error} -testdir [file dirname $testFile]
 if {[info exists ::env(KIV_TCLTEST_MATCH)]} { configure -match $::env(KIV_TCLTEST_MATCH) }
 
-# Constraints shared by every file.
 testConstraint sim [expr {[info commands mqb] ne ""}]
 testConstraint tk [expr {[info commands winfo] ne "" && [catch {winfo screen .}] == 0}]
 testConstraint notk [expr {![testConstraint tk]}]
@@ -29,7 +28,9 @@ proc ::tcltest::cleanupTestsHook {} {
     if {$numTests(Total) > 0 && $numTests(Skipped) == $numTests(Total)} { set ::kivAllSkipped 1 }
 }
 source [file join [file dirname [info script]] helpers.tcl]
+# The runner, not each file, ends the run, so no file can leave its failures uncounted.
 source $testFile
+cleanupTests
 if {$::kivFailed} { exit 1 }
 # CTest counts exit 77 as skipped.
 if {$::kivAllSkipped} { exit 77 }

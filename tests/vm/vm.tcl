@@ -7,10 +7,9 @@ set ::sdebug /sys/bus/pseudo/drivers/scsi_debug
 testConstraint sgdev [expr {[info exists ::env(KIV_VM)] && [file writable $::sg]}]
 
 proc sysRead {path} { string trim [readFile $path] }
-proc sysWrite {path value} { set f [open $path w]; puts -nonewline $f $value; close $f }
 # A scsi_debug parameter, set when a value is given (opts, every_nth, ...).
 proc sdebug {name args} {
-    if {[llength $args]} { sysWrite $::sdebug/$name [lindex $args 0] }
+    if {[llength $args]} { writeFile $::sdebug/$name [lindex $args 0] }
     sysRead $::sdebug/$name
 }
 # An attribute of sg0's SCSI device (iorequest_cnt, iodone_cnt, device_busy, state).
